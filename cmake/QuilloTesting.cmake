@@ -1,0 +1,42 @@
+# ql_add_module(NAME SOURCES ... [DEPS ...])
+#   One static library per module; the repository root is the include root, so headers are
+#   included as "Module/Header.h".
+function(ql_add_module name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}")
+  target_link_libraries(${name} PUBLIC ql_build_flags ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+endfunction()
+
+# ql_add_gtest(NAME SOURCES ... DEPS ... [LABELS unit|integration|system] [TIMEOUT s])
+#   A GoogleTest executable whose cases become individual CTest tests. A case that calls
+#   GTEST_SKIP() is reported by CTest as skipped, with its reason in the output.
+function(ql_add_gtest name)
+  if(NOT QL_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  if(NOT ARG_LABELS)
+    set(ARG_LABELS unit)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ql_build_flags ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE
+    QL_TEST_SOURCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}"
+    QL_BINARY_DIR="${PROJECT_BINARY_DIR}")
+  gtest_discover_tests(${name}
+    DISCOVERY_MODE PRE_TEST
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES
+      LABELS "${ARG_LABELS}"
+      TIMEOUT ${ARG_TIMEOUT}
+      SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+endfunction()
+
+if(QL_BUILD_TESTS)
+  enable_testing()
+  include(GoogleTest)
+endif()
