@@ -7,8 +7,8 @@ namespace ql {
 const google::protobuf::FileDescriptor& WireServices::file() {
     // Naming the generated table references services.pb.cc, whose static registration puts the
     // file into the generated pool.
-    const auto* file = google::protobuf::DescriptorPool::generated_pool()->FindFileByName(
-        descriptor_table_services_2eproto.filename);
+    const auto* file =
+        google::protobuf::DescriptorPool::generated_pool()->FindFileByName(descriptor_table_services_2eproto.filename);
     return *file;
 }
 

@@ -1,7 +1,5 @@
 // The service descriptors are the method table that stubs, adapters and routing rely on:
 // these tests hold them to the catalogue, method by method.
-#include "QLProtocol/proto/WireServices.h"
-
 #include <google/protobuf/descriptor.h>
 #include <gtest/gtest.h>
 
@@ -9,6 +7,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "QLProtocol/proto/WireServices.h"
 
 namespace {
 
@@ -63,7 +63,8 @@ const std::vector<ExpectedMethod>& catalogue() {
 
         {"SystemService", "Ping", "PingRequest", "PingResponse", kUnary},
         {"SystemService", "Shutdown", "ShutdownRequest", "ShutdownResponse", kUnary},
-        {"SystemService", "CollectGeneralDiagnostic", "CollectGeneralDiagnosticRequest", "CollectGeneralDiagnosticResponse", kUnary},
+        {"SystemService", "CollectGeneralDiagnostic", "CollectGeneralDiagnosticRequest",
+         "CollectGeneralDiagnosticResponse", kUnary},
 
         {"TileService", "ListTiles", "ListTilesRequest", "ListTilesResponse", kUnary},
         {"TileService", "CreateTile", "CreateTileRequest", "CreateTileResponse", kUnary},

@@ -1,12 +1,5 @@
 // What keeps old and new peers talking: field numbers, explicit presence, reserved numbers,
 // oneof membership, and the preservation of fields and enum numbers this build doesn't know.
-#include "QLProtocol/proto/envelope.pb.h"
-#include "QLProtocol/proto/identity.pb.h"
-#include "QLProtocol/proto/runs.pb.h"
-#include "QLProtocol/proto/WireServices.h"
-#include "QLProtocol/proto/tiles.pb.h"
-#include "QLProtocol/proto/volumes.pb.h"
-
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
@@ -15,6 +8,13 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "QLProtocol/proto/WireServices.h"
+#include "QLProtocol/proto/envelope.pb.h"
+#include "QLProtocol/proto/identity.pb.h"
+#include "QLProtocol/proto/runs.pb.h"
+#include "QLProtocol/proto/tiles.pb.h"
+#include "QLProtocol/proto/volumes.pb.h"
 
 namespace {
 
@@ -50,18 +50,12 @@ void collectMessages(const Descriptor* d, std::vector<const Descriptor*>& out) {
 
 TEST(WireSchema, ExactlyTheseScalarsHaveExplicitPresence) {
     const std::set<std::string> expected = {
-        "ql4.transport.v1.ActiveRun.as_bootable",
-        "ql4.transport.v1.Progress.work_done_bytes",
-        "ql4.transport.v1.RunCompleted.scout_total_files",
-        "ql4.transport.v1.RunCompleted.scout_total_bytes",
-        "ql4.transport.v1.VolumeSummary.case_sensitive",
-        "ql4.transport.v1.CopyTile.sort_order",
-        "ql4.transport.v1.RunRecord.as_bootable",
-        "ql4.transport.v1.RunRecord.copy_mode",
-        "ql4.transport.v1.RunRecord.ran_source_subpath",
-        "ql4.transport.v1.RunRecord.ran_destination_subpath",
-        "ql4.transport.v1.RunRecord.scout_total_files",
-        "ql4.transport.v1.RunRecord.scout_total_bytes",
+        "ql4.transport.v1.ActiveRun.as_bootable",          "ql4.transport.v1.Progress.work_done_bytes",
+        "ql4.transport.v1.RunCompleted.scout_total_files", "ql4.transport.v1.RunCompleted.scout_total_bytes",
+        "ql4.transport.v1.VolumeSummary.case_sensitive",   "ql4.transport.v1.CopyTile.sort_order",
+        "ql4.transport.v1.RunRecord.as_bootable",          "ql4.transport.v1.RunRecord.copy_mode",
+        "ql4.transport.v1.RunRecord.ran_source_subpath",   "ql4.transport.v1.RunRecord.ran_destination_subpath",
+        "ql4.transport.v1.RunRecord.scout_total_files",    "ql4.transport.v1.RunRecord.scout_total_bytes",
     };
     std::set<std::string> actual;
     const auto files = packageFiles();
@@ -151,8 +145,8 @@ TEST(WireSchema, OneofsHoldTheirMembers) {
 }
 
 TEST(WireSchema, CopyRequestKeepsItsDeclarationOrder) {
-    const std::vector<int> order = {1, 2, 3, 8, 9, 4, 5, 6, 7, 10, 11, 12, 13, 14, 25, 26,
-                                    15, 16, 17, 18, 19, 20, 21, 22, 23, 24};
+    const std::vector<int> order = {1,  2,  3,  8,  9,  4,  5,  6,  7,  10, 11, 12, 13,
+                                    14, 25, 26, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24};
     const Descriptor* d = v1::CopyRequest::descriptor();
     std::vector<int> actual;
     for (int i = 0; i < d->field_count(); ++i) actual.push_back(d->field(i)->number());
