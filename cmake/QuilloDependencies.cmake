@@ -21,7 +21,10 @@ endif()
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 add_library(ql_asio INTERFACE)
 target_include_directories(ql_asio SYSTEM INTERFACE "${ASIO_INCLUDE_DIR}")
-target_compile_definitions(ql_asio INTERFACE ASIO_STANDALONE)
+# Asio decides between aligned_alloc and operator new from whether a standard header came
+# before it, so two translation units could disagree on how a recycled coroutine frame is
+# freed. Pin the choice for every target.
+target_compile_definitions(ql_asio INTERFACE ASIO_STANDALONE ASIO_DISABLE_STD_ALIGNED_ALLOC)
 target_link_libraries(ql_asio INTERFACE Threads::Threads)
 
 if(QL_BUILD_TESTS)
