@@ -139,7 +139,10 @@ asio::awaitable<ShellRunner::Outcome> ShellRunner::runChecked(ShellCommand comma
 }
 
 asio::awaitable<ShellRunner::Outcome> LiveShellRunner::run(ShellCommand command) {
-    co_return co_await pool_.run([this, command = std::move(command)] { return runBlocking(command); });
+    // A named closure: g++ 12 copies a closure temporary inside a co_await expression
+    // bytewise, which corrupts the strings it captured.
+    auto work = [this, command = std::move(command)] { return runBlocking(command); };
+    co_return co_await pool_.run(std::move(work));
 }
 
 ShellRunner::Outcome LiveShellRunner::runBlocking(const ShellCommand& command) {
