@@ -193,6 +193,8 @@ ShellRunner::Outcome LiveShellRunner::runBlocking(const ShellCommand& command) {
             Log::f(kTag, "{} ran past its {:g}-second limit; stopping it", command.describe(), seconds(timeout));
         }
         process.signalGroup(SIGTERM);
+        // A stopped process only acts on SIGTERM once it runs again.
+        process.signalGroup(SIGCONT);
     };
 
     for (;;) {

@@ -6,6 +6,7 @@
 #include <tl/expected.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
