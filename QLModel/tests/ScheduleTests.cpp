@@ -3,6 +3,8 @@
 #include <date/tz.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace ql {
 namespace {
 
