@@ -1,0 +1,19 @@
+#include "qlcopy/TempNames.h"
+
+#include <fmt/format.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace ql {
+
+std::string TempNames::make() {
+    static std::atomic<std::uint64_t> counter{0};
+    return fmt::format("{}{:x}-{:x}", prefix, static_cast<unsigned long>(::getpid()), counter.fetch_add(1));
+}
+
+bool TempNames::isTemporary(std::string_view name) { return name.substr(0, prefix.size()) == prefix; }
+
+}  // namespace ql
