@@ -219,6 +219,28 @@ int Engine::run() {
         return fail(failureOf(fmt::format("The destination {} is not a folder", destination), destination, "stat", "dst",
                               ENOTDIR));
     }
+    // Neither root may hold the other: the copy would feed on itself, or delete its own source.
+    // (A destination on another filesystem mounted inside the source is fine: the walk does not
+    // cross into other filesystems.)
+    const std::string realSource = realPathOf(sourceRead);
+    std::string realDest = realPathOf(destination);
+    dev_t destDevice = dstExisted ? dstStat.st_dev : 0;
+    if (!dstExisted) {
+        auto slash = destination.rfind('/');
+        std::string parent = slash == std::string::npos ? "." : (slash == 0 ? "/" : destination.substr(0, slash));
+        std::string leaf = slash == std::string::npos ? destination : destination.substr(slash + 1);
+        realDest = realPathOf(parent);
+        struct stat parentStat;
+        if (::stat(realDest.c_str(), &parentStat) == 0) destDevice = parentStat.st_dev;
+        realDest = (realDest == "/" ? "" : realDest) + "/" + leaf;
+    }
+    if ((dstExisted && srcStat.st_dev == dstStat.st_dev && srcStat.st_ino == dstStat.st_ino) ||
+        isWithin(realSource, realDest) || (isWithin(realDest, realSource) && destDevice == srcStat.st_dev)) {
+        return fail(failureOf(fmt::format("The source {} and the destination {} overlap — refusing to copy a folder "
+                                          "into itself",
+                                          realSource, realDest),
+                              destination, "realpath", "dst", EINVAL));
+    }
     if (!dstExisted && !options_.dryRun) {
         if (::mkdir(destination.c_str(), 0700) != 0) {
             int e = errno;
@@ -240,17 +262,6 @@ int Engine::run() {
         }
         ::fstat(dstRoot.get(), &dstStat);
         dstRootInfo = EntryInfo::fromStat("", dstStat);
-    }
-
-    // Neither root may hold the other: the copy would feed on itself, or delete its own source.
-    const std::string realSource = realPathOf(sourceRead);
-    const std::string realDest = dstRoot.valid() ? realPathOf(destination) : destination;
-    if ((dstRoot.valid() && srcStat.st_dev == dstStat.st_dev && srcStat.st_ino == dstStat.st_ino) ||
-        isWithin(realDest, realSource) || isWithin(realSource, realDest)) {
-        return fail(failureOf(fmt::format("The source {} and the destination {} overlap — refusing to copy a folder "
-                                          "into itself",
-                                          realSource, realDest),
-                              destination, "realpath", "dst", EINVAL));
     }
 
     // The scan mode, from the state of the previous run.
@@ -412,9 +423,9 @@ int Engine::run() {
         SharedFd srcShared = shareFd(srcRoot.release());
         SharedFd dstShared = dstRoot.valid() ? shareFd(::dup(dstRoot.get())) : SharedFd();
         walker.run(srcShared, srcRootInfo, dstShared, dstExisted ? &dstRootInfo : nullptr);
+        board.end(0);  // the walker only waits for the copies from here on
         pool.drain();
         counters.walkDone.store(true);
-        board.end(0);
         scout.stop();
         metaReasons = walker.metaReasons();
         if (!stop.stopping()) {
