@@ -43,7 +43,6 @@ struct Parser {
         app.add_flag("--clone-families", options.cloneFamilies, "Clone file data when both sides are on one filesystem that can");
         app.add_option("--script", options.scriptPath, "Copy rule document (.dset)");
         app.add_option("--script-search-dir", options.scriptSearchDirs, "Folder searched for included rule documents")
-            ->expected(1)
             ->allow_extra_args(false);
         app.add_flag("--strict-includes", options.strictIncludes, "Refuse the rule when an include cannot be found");
         app.add_flag("--dry-run", options.dryRun, "Change nothing; report what a copy would do");
@@ -56,13 +55,10 @@ struct Parser {
         app.add_option("--keybag-uid", options.keybagUid, "Console user of the keybag sentinel");
         app.add_option("--keybag-home", options.keybagHome, "Home folder of the keybag's user");
         app.add_option("--preserve-if-absent", options.preserveIfAbsent, "Keep destination items matching this pattern when the source lacks them")
-            ->expected(1)
             ->allow_extra_args(false);
         app.add_option("--optional", options.optionalPatterns, "Items matching this pattern may be unreadable or absent without failing")
-            ->expected(1)
             ->allow_extra_args(false);
         app.add_option("--retain-on-error", options.retainOnError, "Keep the destination copy of items matching this pattern when they fail")
-            ->expected(1)
             ->allow_extra_args(false);
         app.add_option("--map-noowners-owner", ownerMapping, "Give every written item this owner (uid:gid)");
         app.add_flag("--validate-script", validate, "Only check that the --script document loads (exit 0, or 3 with the reason)");
