@@ -38,7 +38,10 @@ asio::awaitable<CopyScriptValidator::Verdict> CopyScriptValidator::validate(
 
     Verdict verdict;
     try {
-        verdict = verdictFor(co_await runner_.run(std::move(command)), timeout);
+        // Named before awaiting: see the note on temporaries inside co_await in ARCHITECTURE.md.
+        auto running = runner_.run(std::move(command));
+        ShellRunner::Outcome outcome = co_await std::move(running);
+        verdict = verdictFor(outcome, timeout);
     } catch (const std::exception& e) {
         verdict = Verdict::unavailable(std::string("couldn't spawn qlcopy for validation: ") + e.what());
     }
