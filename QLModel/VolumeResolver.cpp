@@ -539,7 +539,7 @@ asio::awaitable<Resolution> VolumeResolver::searchDiskImage(VolumeRef ref) {
             list += missing[i];
         }
         co_return Resolution::unresolved(
-            UnresolvedReason::unsupportedKey("Disk-image keys can't be resolved here: this resolver has no " + list));
+            UnresolvedReason::unsupportedKey("Disk-image keys can't be resolved here: this resolver lacks " + list));
     }
 
     // Where the image file lives.
@@ -836,7 +836,7 @@ asio::awaitable<VolumeResolver::BindingResult> VolumeResolver::bindOnStrand(std:
     if (imageBacked(device)) co_return refuse(device + " belongs to a disk image; bind the image file instead");
 
     auto described = co_await env_.probe->describe(device);
-    if (!described) co_return refuse("Couldn't read " + device + ": " + described.error().message());
+    if (!described) co_return refuse("Couldn't bind " + device + ": " + described.error().message());
     ProbeInfo info = *described;
     std::string displayName = info.volumeName.value_or(device);
     VolumeTarget target = VolumeTarget::wholeFilesystem();
