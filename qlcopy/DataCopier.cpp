@@ -33,7 +33,7 @@ bool DataCopier::fail(Outcome& out, int error, const char* syscall, bool onDesti
 DataCopier::Outcome DataCopier::copy(const Request& r) {
     Outcome out;
     if (r.cloneAllowed && r.sameFilesystem && r.size > 0 && routes_.cloneUsable.load(std::memory_order_relaxed)) {
-        int fd = PlatformCopy::cloneInto(r.srcFd, r.dstDirFd, r.tmpName);
+        int fd = PlatformCopy::cloneInto(r.srcFd, r.dstDirFd, r.tmpName, r.createMode);
         if (fd >= 0) {
             out.fd = fd;
             out.cloned = true;
@@ -51,7 +51,7 @@ DataCopier::Outcome DataCopier::copy(const Request& r) {
         }
     }
 
-    out.fd = ::openat(r.dstDirFd, r.tmpName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    out.fd = ::openat(r.dstDirFd, r.tmpName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, r.createMode);
     if (out.fd < 0) {
         fail(out, errno, "open", true);
         return out;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -29,6 +31,7 @@ public:
         bool cloneAllowed = false;
         int dstDirFd = -1;
         const char* tmpName = nullptr;
+        mode_t createMode = 0600;  // permissions of the new file (the process umask is 0)
         std::int64_t chunkBytes = 8 << 20;
         // Called after every chunk with the work advanced (holes included) and the bytes written;
         // returning false stops the copy (the run is stopping).

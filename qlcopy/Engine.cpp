@@ -154,6 +154,8 @@ int Engine::validateScript(const EngineOptions& options) {
 
 int Engine::run() {
     raiseDescriptorLimit();
+    // Items are created with their final permissions; every mode is set explicitly.
+    ::umask(0);
     EventWriter events(options_.progressFd);
     EngineCounters counters;
     StopControl stop;
@@ -287,7 +289,7 @@ int Engine::run() {
     ActivityBoard board(workers + 1);
     ActiveClock clock;
     ItemReporter items(events, options_.emitItems);
-    MetadataSync meta(MetadataSync::Policy{::geteuid() == 0, options_.noOwnersOwner});
+    MetadataSync meta(MetadataSync::Policy{::geteuid() == 0, options_.noOwnersOwner, ::geteuid(), ::getegid()});
     if (options_.noOwnersOwner && ::geteuid() != 0) {
         Log::line("Engine", "not running as root — owners cannot be set, so --map-noowners-owner has no effect");
     }

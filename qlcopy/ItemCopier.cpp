@@ -79,9 +79,10 @@ ItemCopier::Placed ItemCopier::copyFile(const ItemJob& job) {
         workDone = total;
     };
 
-    int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW;
+    // Non-blocking, so a file replaced by a FIFO since the listing cannot hang the copy.
+    int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 #ifdef O_NOATIME
-    const bool mayNoAtime = ::geteuid() == 0 || ::geteuid() == job.source.uid;
+    const bool mayNoAtime = ctx_.meta.policy().euid == 0 || ctx_.meta.policy().euid == job.source.uid;
     if (mayNoAtime) flags |= O_NOATIME;
 #endif
     UniqueFd src(::openat(job.srcDir->get(), name, flags));
@@ -126,6 +127,7 @@ ItemCopier::Placed ItemCopier::copyFile(const ItemJob& job) {
     request.cloneAllowed = ctx_.options.cloneFamilies;
     request.dstDirFd = job.dstDir->get();
     request.tmpName = tmp.c_str();
+    request.createMode = fresh.permissions() & 0777;
     request.chunkBytes = ctx_.bandwidth.limited() ? (256 << 10) : (8 << 20);
     request.progress = [&](std::int64_t work, std::int64_t written) {
         workDone += work;
@@ -154,8 +156,10 @@ ItemCopier::Placed ItemCopier::copyFile(const ItemJob& job) {
         report(ctx_, job, verb, e, syscall, true);
         return Placed{};
     };
-    if (auto f = ctx_.meta.apply(fresh, XattrTarget::ofFd(src.get()), XattrTarget::ofFd(dst.get()),
-                                 metaOwner | metaMode | metaXattrs | metaAcl, job.removeExtraXattrs)) {
+    const unsigned needed = out.cloned ? (metaOwner | metaMode | metaXattrs | metaAcl)
+                                       : ctx_.meta.neededAfterCreation(fresh, job.createdGid, request.createMode);
+    if (auto f = ctx_.meta.apply(fresh, XattrTarget::ofFd(src.get()), XattrTarget::ofFd(dst.get()), needed,
+                                 job.removeExtraXattrs)) {
         return failAfterData(f->error, f->syscall);
     }
     if (auto f = MetadataSync::setTimes(dst.get(), fresh)) return failAfterData(f->error, f->syscall);
@@ -172,15 +176,9 @@ ItemCopier::Placed ItemCopier::copyFile(const ItemJob& job) {
         report(ctx_, job, verb, e, "close", true);
         return {};
     }
+    // A source that changed while it was copied keeps a newer time than the one given to the
+    // copy, so the next run copies it again.
     if (!renameIntoPlace(job, tmp, verb)) return {};
-
-    struct stat after;
-    if (::fstat(src.get(), &after) == 0) {
-        EntryInfo now = EntryInfo::fromStat(job.source.name, after);
-        if (now.size != fresh.size || now.mtime.tv_sec != fresh.mtime.tv_sec || now.mtime.tv_nsec != fresh.mtime.tv_nsec) {
-            Log::f("Copier", "source changed while being copied; the next run copies it again: {}", ctx_.srcPath(job.rel));
-        }
-    }
     settleWork(job.source.size);
     ++ctx_.counters.filesCompleted;
     ++ctx_.counters.itemsCopied;

@@ -17,6 +17,7 @@ struct ItemJob {
     EntryInfo source;           // as the listing saw it
     std::string rel;            // relative to the copy root, with a leading "/"
     bool removeExtraXattrs = false;  // the destination folder hands down ACLs the source item lacks
+    gid_t createdGid = 0;            // the group a new item in the destination folder gets
     PathVerdict verdict;
 };
 

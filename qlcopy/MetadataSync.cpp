@@ -51,6 +51,13 @@ unsigned MetadataSync::statusDifferences(const EntryInfo& s, const EntryInfo& d)
     return r;
 }
 
+unsigned MetadataSync::neededAfterCreation(const EntryInfo& s, gid_t createdGid, mode_t createdPermissions) const {
+    unsigned r = metaXattrs | metaAcl;
+    if (policy_.manageOwners && (ownerFor(s) != policy_.euid || groupFor(s) != createdGid)) r |= metaOwner;
+    if (!s.isSymlink() && s.permissions() != createdPermissions) r |= metaMode;
+    return r;
+}
+
 unsigned MetadataSync::attributeDifferences(const XattrTarget& src, const XattrTarget& dst) const {
     std::vector<std::string> sn, dn;
     unsigned r = 0;
@@ -128,7 +135,7 @@ std::optional<MetaFailure> MetadataSync::apply(const EntryInfo& s, const XattrTa
                             : ::fchownat(dst.dirFd, dst.name, ownerFor(s), groupFor(s), AT_SYMLINK_NOFOLLOW);
         if (r != 0) return MetaFailure{errno, "chown"};
         // chown clears set-user-ID and set-group-ID bits: set the mode again afterwards.
-        what |= metaMode;
+        if (s.permissions() & (S_ISUID | S_ISGID)) what |= metaMode;
     }
     if ((what & metaMode) && !s.isSymlink()) {
         int r = dst.fd >= 0 ? ::fchmod(dst.fd, s.permissions()) : ::fchmodat(dst.dirFd, dst.name, s.permissions(), 0);

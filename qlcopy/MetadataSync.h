@@ -33,6 +33,8 @@ public:
     struct Policy {
         bool manageOwners = false;
         std::optional<OwnerMapping> mapping;
+        uid_t euid = 0;  // who creates the engine's items
+        gid_t egid = 0;
     };
 
     explicit MetadataSync(Policy policy);
@@ -45,6 +47,11 @@ public:
     unsigned statusDifferences(const EntryInfo& source, const EntryInfo& dest) const;
     // Extended attribute and ACL differences (reads both sides).
     unsigned attributeDifferences(const XattrTarget& source, const XattrTarget& dest) const;
+
+    // What an item the engine just created still needs beyond its attributes: the owner when
+    // it is not already the creator's (`createdGid`: the group it was created with), the mode
+    // when the creation could not give it (set-id bits are never given at creation).
+    unsigned neededAfterCreation(const EntryInfo& source, gid_t createdGid, mode_t createdPermissions) const;
 
     // Sets the parts named by `what` (metaOwner, metaMode, metaXattrs|metaAcl) on the destination
     // item, in the order the kernel needs (owner first, since chown clears set-id bits and file

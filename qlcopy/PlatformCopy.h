@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 namespace ql {
@@ -10,7 +12,7 @@ class PlatformCopy {
 public:
     // Makes `name` in `dirFd` a clone of the open file `srcFd` and returns a descriptor of the
     // new file open for writing, or -errno. When cloning is not possible, nothing is left behind.
-    static int cloneInto(int srcFd, int dirFd, const char* name);
+    static int cloneInto(int srcFd, int dirFd, const char* name, mode_t mode);
     // Copies up to `length` bytes inside the kernel between the given offsets; returns the
     // number of bytes copied (0 at the end of the source) or -errno.
     static std::int64_t copyRange(int srcFd, std::int64_t srcOffset, int dstFd, std::int64_t dstOffset,

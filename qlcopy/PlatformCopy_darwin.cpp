@@ -8,10 +8,11 @@
 
 namespace ql {
 
-int PlatformCopy::cloneInto(int srcFd, int dirFd, const char* name) {
+int PlatformCopy::cloneInto(int srcFd, int dirFd, const char* name, mode_t mode) {
     // The clone gets the engine's ownership; the metadata step sets the source's afterwards.
     if (::fclonefileat(srcFd, dirFd, name, CLONE_NOOWNERCOPY) != 0) return -errno;
     int fd = ::openat(dirFd, name, O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd >= 0) ::fchmod(fd, mode);  // the clone carries the source's mode; make it the one asked for
     if (fd < 0) {
         int e = errno;
         ::unlinkat(dirFd, name, 0);

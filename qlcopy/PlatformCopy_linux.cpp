@@ -10,8 +10,8 @@
 
 namespace ql {
 
-int PlatformCopy::cloneInto(int srcFd, int dirFd, const char* name) {
-    int fd = ::openat(dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+int PlatformCopy::cloneInto(int srcFd, int dirFd, const char* name, mode_t mode) {
+    int fd = ::openat(dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (fd < 0) return -errno;
     if (::ioctl(fd, FICLONE, srcFd) != 0) {
         int e = errno;

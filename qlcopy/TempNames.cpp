@@ -11,7 +11,8 @@ namespace ql {
 
 std::string TempNames::make() {
     static std::atomic<std::uint64_t> counter{0};
-    return fmt::format("{}{:x}-{:x}", prefix, static_cast<unsigned long>(::getpid()), counter.fetch_add(1));
+    static const unsigned long pid = static_cast<unsigned long>(::getpid());
+    return fmt::format("{}{:x}-{:x}", prefix, pid, counter.fetch_add(1));
 }
 
 bool TempNames::isTemporary(std::string_view name) { return name.substr(0, prefix.size()) == prefix; }

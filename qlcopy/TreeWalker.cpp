@@ -45,6 +45,15 @@ TreeWalker::TreeWalker(EngineContext& ctx, CopyWorkerPool& pool, DirRetimeJourna
 // source's, and a later change of the source's attributes moves the source's past that.
 bool TreeWalker::attributesMayDiffer(const EntryInfo& s, const EntryInfo& d) const { return !earlier(s.ctime, d.ctime); }
 
+// What a new item in the frame's destination folder inherits: a default ACL, and the folder's
+// group when the folder has the set-group-ID bit.
+void TreeWalker::noteDestFolder(Frame& frame) {
+    frame.dstDefaultAcl = hasDefaultAcl(frame.dst->get());
+    struct stat st;
+    frame.createdGid = ::fstat(frame.dst->get(), &st) == 0 && (st.st_mode & S_ISGID) ? st.st_gid
+                                                                                    : ctx_.meta.policy().egid;
+}
+
 // Without root, a folder whose mode takes away the owner's own access would block writing
 // inside it: such a mode is set in the final pass instead.
 bool TreeWalker::modeCanWait(const EntryInfo& dir) const {
@@ -87,7 +96,6 @@ void TreeWalker::run(SharedFd srcRoot, const EntryInfo& srcRootInfo, SharedFd ds
     root.srcSelf = srcRootInfo;
     root.dstFresh = !dstRootInfo;
     if (root.dst) {
-        root.dstDefaultAcl = hasDefaultAcl(root.dst->get());
         if (dstRootInfo) {
             syncFolderMetadata(root, *dstRootInfo, "", PathVerdict{});
         } else if (!ctx_.dryRun) {
@@ -102,6 +110,7 @@ void TreeWalker::run(SharedFd srcRoot, const EntryInfo& srcRootInfo, SharedFd ds
             }
             journalRetime(root, modeCanWait(srcRootInfo));
         }
+        noteDestFolder(root);
     }
     processDirectory(root);
 }
@@ -314,6 +323,7 @@ void TreeWalker::placeItem(Frame& frame, const EntryInfo& s, const PathVerdict& 
     job.source = s;
     job.rel = rel;
     job.removeExtraXattrs = frame.dstDefaultAcl;
+    job.createdGid = frame.createdGid;
     job.verdict = v;
     if (s.isRegular()) {
         // The walker is not stuck while it waits for room in the copy queue.
@@ -438,8 +448,8 @@ bool TreeWalker::createFolder(Frame& parent, Frame& child) {
                                  metaOwner | metaXattrs | metaAcl | (modeWaits ? 0u : metaMode), parent.dstDefaultAcl)) {
         ItemCopier::report(ctx_, job, "CREATED", f->error, f->syscall, true);
     }
-    child.dstDefaultAcl = hasDefaultAcl(fd.get());
     child.dst = shareFd(fd.release());
+    noteDestFolder(child);
     child.dstFresh = true;
     child.pending = false;
     ++ctx_.counters.itemsCopied;
@@ -503,7 +513,7 @@ void TreeWalker::handleDirectory(Frame& frame, const EntryInfo& s, const EntryIn
                 return;
             }
             child.dst = shareFd(fd.release());
-            child.dstDefaultAcl = hasDefaultAcl(child.dst->get());
+            noteDestFolder(child);
         }
         if (v.selected) {
             syncFolderMetadata(child, *d, rel, v);
@@ -614,6 +624,7 @@ void TreeWalker::handleHardLink(Frame& frame, const EntryInfo& s, const EntryInf
             job.source = s;
             job.rel = rel;
             job.removeExtraXattrs = frame.dstDefaultAcl;
+            job.createdGid = frame.createdGid;
             job.verdict = v;
             ItemCopier::Placed placed = copier_.copyFile(job);
             if (placed.ok) links_.place(s.dev, s.ino, s.nlink, {destRelative, placed.destIno});

@@ -43,6 +43,7 @@ private:
         bool dstFresh = false;      // created by this run (or would be): nothing inside to compare
         bool pending = false;       // not selected itself; created once something inside is copied
         bool dstDefaultAcl = false; // the destination folder hands down a default ACL
+        gid_t createdGid = 0;       // the group of items created in the destination folder
     };
 
     void processDirectory(Frame& frame);
@@ -68,6 +69,7 @@ private:
     void countMetaReasons(unsigned reasons);
     bool attributesMayDiffer(const EntryInfo& s, const EntryInfo& d) const;
     bool modeCanWait(const EntryInfo& dir) const;
+    void noteDestFolder(Frame& frame);
 
     EngineContext& ctx_;
     CopyWorkerPool& pool_;
