@@ -15,8 +15,10 @@ public:
 
     VolumeEncryptionState encryptionState(const std::string& device) override {
         auto found = states.find(device);
-        if (found == states.end()) return VolumeEncryptionState{device};
-        return found->second;
+        if (found != states.end()) return found->second;
+        VolumeEncryptionState plain;
+        plain.bsdDevice = device;
+        return plain;
     }
 
     std::map<std::string, VolumeEncryptionState> states;
