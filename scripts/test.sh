@@ -7,7 +7,6 @@ cd "$(dirname "$0")/.."
 scripts/bootstrap.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
-export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/quillo-ccache}"
 export CCACHE_BASEDIR="$(pwd)"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
