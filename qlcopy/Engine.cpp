@@ -142,6 +142,8 @@ void retimeFolders(EngineContext& ctx, DirRetimeJournal& journal, std::int64_t d
 Engine::Engine(EngineOptions options) : options_(std::move(options)) {}
 
 int Engine::validateScript(const EngineOptions& options) {
+    // The caller takes the whole of standard error as the reason: nothing else may go there.
+    Log::setSink([](std::string_view) {});
     auto rules = RuleSetLoader::load(options);
     if (!rules) {
         std::string line = rules.error().detail;

@@ -244,6 +244,13 @@ void TreeWalker::handleSource(Frame& frame, const EntryInfo& s, const EntryInfo*
     }
     ++ctx_.counters.filesSelected;
     if (s.isRegular()) ctx_.counters.bytesSelected += s.size;
+    // "preserve" keeps the destination's item as it is, whatever the source has.
+    if (d && v.preserve == PreserveKind::preserve) {
+        ctx_.items.source(rel, "keep", true, false, "preserved");
+        ctx_.items.dest(rel, "keep", d->isDirectory(), "preserved");
+        countSkipped(s);
+        return;
+    }
     if (s.isRegular() && s.nlink > 1) {
         handleHardLink(frame, s, d, v, rel);
         return;
