@@ -18,6 +18,11 @@ public:
     // The error of an open() that means "the file's encryption key is not available"
     // (ENOKEY on Linux; EPERM for a protection-class file on macOS).
     static bool isKeyAbsent(int error);
+    // Whether the protected file at `path` cannot be read for want of its key. Linux (fscrypt):
+    // the file's key is absent, or, when a locked folder hides the name, the key of the
+    // sentinel's folder policy is absent. macOS: opening it fails as a locked class-A file does.
+    // `detail` says what was found, for the log.
+    static bool sentinelLocked(const std::string& path, std::string& detail);
 };
 
 // No keybag to watch (--no-keybag, or nothing said): never locked, so nothing is deferred.
