@@ -217,6 +217,7 @@ tl::expected<ProbeInfo, DiskutilError> DiskutilProbe::mapInfo(const PlistDiction
     info.volumeFreeSpace = unsignedAt(root, "VolumeFreeSpace");
     info.wholeDisk = optionalBoolAt(root, "WholeDisk");
     info.parentWholeDisk = stringAt(root, "ParentWholeDisk");
+    info.mediaType = stringAt(root, "MediaType");
     return info;
 }
 

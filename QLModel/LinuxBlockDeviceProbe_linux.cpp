@@ -383,6 +383,9 @@ VolumeProbe::InfoResult LinuxBlockDeviceProbe::describeNow(const std::string& re
     info.wholeDisk = !partition;
     if (partition) info.parentWholeDisk = disk;
     info.wholeDiskRegistryID = diskSequence(disk);
+    if (auto rotational = readText(fs::path(options_.sysBlock) / disk / "queue" / "rotational")) {
+        info.mediaType = *rotational == "1" ? "Rotational" : "Solid State";
+    }
 
     auto facts = readFilesystem(name);
     if (!facts) return tl::unexpected(DiskutilError::deviceUnreadable(name, facts.error()));

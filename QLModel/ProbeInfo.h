@@ -35,6 +35,8 @@ struct ProbeInfo {
     // whole disk it belongs to ("ParentWholeDisk"). Absent when the description does not say.
     std::optional<bool> wholeDisk;
     std::optional<std::string> parentWholeDisk;
+    // "MediaType" of the disk tool ("Generic", ...); on Linux "Rotational" or "Solid State".
+    std::optional<std::string> mediaType;
     // Not in the disk tool's output: the registry identifier of the whole disk (on Linux the
     // disk's sequence number, which the kernel never reuses until it restarts).
     std::optional<std::uint64_t> wholeDiskRegistryID;

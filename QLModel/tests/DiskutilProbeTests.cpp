@@ -85,6 +85,7 @@ TEST(DiskutilProbe, mapsAPartitionDescription) {
     expected.volumeFreeSpace = 412'000'000'000ULL;
     expected.wholeDisk = false;
     expected.parentWholeDisk = "disk2";
+    expected.mediaType = "Generic";
     EXPECT_EQ(*info, expected);
 }
 
