@@ -3,6 +3,7 @@
 #include "QLModel/PartitionContentName.h"
 
 #include <algorithm>
+#include <cctype>
 
 namespace ql {
 namespace {
