@@ -307,6 +307,7 @@ std::optional<PlistError> checkBinaryShape(std::string_view bytes) {
 
     struct Container {
         bool isContainer = false;
+        bool isDict = false;
         std::uint64_t refsAt = 0;
         std::uint64_t refCount = 0;
     };
@@ -333,8 +334,33 @@ std::optional<PlistError> checkBinaryShape(std::string_view bytes) {
         }
         const std::uint64_t refs = type == 0xD ? count * 2 : count;
         if (count > size || refs > (tableOffset - pos) / refSize) return "a container's references run past the object area";
-        out = {true, pos, refs};
+        out = {true, type == 0xD, pos, refs};
         return nullptr;
+    };
+
+    // libplist asserts (aborts) when asked for a dictionary key holding a NUL character, so
+    // such keys are refused here.
+    auto keyHoldsNul = [&](std::uint64_t index) -> bool {
+        const std::uint64_t off = offsetOf(index);
+        if (off < 8 || off >= tableOffset) return false;  // reported when the key itself is visited
+        const unsigned marker = b[off];
+        const unsigned type = marker >> 4;
+        if (type != 0x5 && type != 0x6) return false;
+        std::uint64_t count = marker & 0x0F;
+        std::uint64_t pos = off + 1;
+        if (count == 0x0F) {
+            if (pos >= tableOffset || (b[pos] >> 4) != 0x1 || (b[pos] & 0x0F) > 3) return false;
+            const unsigned width = 1u << (b[pos] & 0x0F);
+            if (pos + 1 + width > tableOffset) return false;
+            count = readBigEndian(b + pos + 1, width);
+            pos += 1 + width;
+        }
+        const std::uint64_t unit = type == 0x6 ? 2 : 1;
+        if (count > (tableOffset - pos) / unit) return false;
+        for (std::uint64_t k = 0; k < count; ++k) {
+            if (unit == 1 ? b[pos + k] == 0 : (b[pos + 2 * k] == 0 && b[pos + 2 * k + 1] == 0)) return true;
+        }
+        return false;
     };
 
     enum : unsigned char { unvisited, open, closed };
@@ -379,8 +405,13 @@ std::optional<PlistError> checkBinaryShape(std::string_view bytes) {
             continue;
         }
         const std::uint64_t child = readBigEndian(b + f.c.refsAt + f.next * refSize, refSize);
+        const bool isKey = f.c.isDict && f.next < f.c.refCount / 2;
         ++f.next;
         if (child >= objectCount) return malformed("an object refers to an object that does not exist");
+        if (isKey && keyHoldsNul(child)) {
+            return makeError(PlistError::Kind::unsupportedValue,
+                             "The property list holds a dictionary key with a NUL character.");
+        }
         if (state[child] == open) return malformed("an object contains itself");
         if (state[child] == closed) {
             f.total = std::min(f.total + expanded[child], PropertyList::maxValues + 1);
@@ -627,6 +658,11 @@ tl::expected<PlistValue, PlistError> PropertyList::read(std::string_view bytes) 
                 makeError(PlistError::Kind::malformed, "The binary property list is malformed and could not be parsed."));
         }
     } else {
+        if (bytes.find('\0') != std::string_view::npos) {
+            return tl::unexpected(makeError(PlistError::Kind::malformed,
+                                            "The data is neither a binary property list nor a well-formed XML "
+                                            "property list (it holds a NUL byte, which XML does not allow)."));
+        }
         if (auto e = checkXmlDepth(bytes)) return tl::unexpected(*e);
         plist_from_xml(bytes.data(), length, &root);
         if (!root) {

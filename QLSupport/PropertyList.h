@@ -39,12 +39,13 @@ public:
     // Removes `key`; false when it was absent.
     bool erase(std::string_view key);
 
-    std::size_t size() const { return entries_.size(); }
-    bool empty() const { return entries_.empty(); }
-    const_iterator begin() const { return entries_.begin(); }
-    const_iterator end() const { return entries_.end(); }
-    iterator begin() { return entries_.begin(); }
-    iterator end() { return entries_.end(); }
+    // Defined below, once PlistValue is complete.
+    std::size_t size() const;
+    bool empty() const;
+    const_iterator begin() const;
+    const_iterator end() const;
+    iterator begin();
+    iterator end();
 
     // Equal when the same keys appear in the same order with equal values.
     friend bool operator==(const PlistDictionary& a, const PlistDictionary& b);
@@ -142,6 +143,13 @@ private:
                  PlistDictionary, PlistUid>
         value_;
 };
+
+inline std::size_t PlistDictionary::size() const { return entries_.size(); }
+inline bool PlistDictionary::empty() const { return entries_.empty(); }
+inline PlistDictionary::const_iterator PlistDictionary::begin() const { return entries_.begin(); }
+inline PlistDictionary::const_iterator PlistDictionary::end() const { return entries_.end(); }
+inline PlistDictionary::iterator PlistDictionary::begin() { return entries_.begin(); }
+inline PlistDictionary::iterator PlistDictionary::end() { return entries_.end(); }
 
 // Why a property list could not be read or written, with a sentence for people.
 struct PlistError {

@@ -187,6 +187,10 @@ TEST(PropertyList, RefusesBadInputWithAClearSentence) {
                                                "0000000000000000000000000000000a");
     const std::string nullObject = fromHex("62706c697374303000080000000000000101000000000000000100000000000000000000000000000009");
     const std::string latin1 = "<plist version=\"1.0\"><string>caf\xE9</string></plist>";
+    // {"a\0": 1}: libplist aborts when asked for such a key, so it must never get that far.
+    const std::string nulKey = fromHex("62706c6973743030d10102526100100108" "0b0e0000000000000101"
+                                       "00000000000000030000000000000000" "0000000000000010");
+    const std::string nulInXml = std::string("<plist version=\"1.0\"><dict><key>a") + '\0' + "</key><true/></dict></plist>";
     struct Case {
         const char* name;
         std::string bytes;
@@ -201,6 +205,8 @@ TEST(PropertyList, RefusesBadInputWithAClearSentence) {
         {"array holding itself", selfContaining, Kind::malformed, "contains itself"},
         {"null object", nullObject, Kind::malformed, "could not be parsed"},
         {"Latin-1 string", latin1, Kind::unsupportedValue, "not valid UTF-8"},
+        {"binary key with NUL", nulKey, Kind::unsupportedValue, "key with a NUL"},
+        {"NUL byte in XML", nulInXml, Kind::malformed, "NUL byte"},
         {"deep XML", nested(PropertyList::maxDepth + 1), Kind::tooDeep, "more than 512 levels"},
         {"very deep XML", nested(200'000), Kind::tooDeep, "more than 512 levels"},
         {"self-multiplying binary", sharedChain(40), Kind::tooLarge, "expand to more than"},
