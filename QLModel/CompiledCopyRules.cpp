@@ -171,10 +171,16 @@ std::uint32_t CopyRuleWalker::intern(std::vector<std::uint32_t>& states) {
     std::vector<std::vector<std::uint32_t>> wildcardTargets;
     for (std::uint32_t id : states) {
         const CompiledCopyRules::State& s = impl.states[id];
+        const int search = impl.search[s.directive];
+        const std::int32_t rank = impl.rank[s.directive];
         if (!s.segment) {
-            const int search = impl.search[s.directive];
-            set->acceptRank[search] = std::max(set->acceptRank[search], impl.rank[s.directive]);
+            set->acceptRank[search] = std::max(set->acceptRank[search], rank);
             continue;
+        }
+        set->liveRank[search] = std::max(set->liveRank[search], rank);
+        if (search == CompiledCopyRules::sourceSearch &&
+            impl.ranked[search][static_cast<std::size_t>(rank - 1)].disposition == Disposition::copy) {
+            set->liveCopyRank = std::max(set->liveCopyRank, rank);
         }
         switch (s.segment->kind) {
             case Glob::Segment::Kind::globstar: set->stay.push_back(id); break;
@@ -303,6 +309,21 @@ RuleCursor CopyRuleWalker::cursorFor(std::string_view path) {
 }
 
 bool CopyRuleWalker::isSettled(const RuleCursor& cursor) const { return sets_[cursor.stateSet]->states.empty(); }
+
+// Bests only grow along a path, and the copy/skip winner's anchor only deepens, so an item below
+// can be copied only through a live copying directive that outranks the current winner, and made
+// optional only through a live optional directive that outranks the current optional one.
+bool CopyRuleWalker::mayCopyBelow(const RuleCursor& cursor) const {
+    if (disposition(cursor) != Disposition::skip) return true;
+    const StateSet& s = *sets_[cursor.stateSet];
+    return s.liveCopyRank > cursor.best[CompiledCopyRules::sourceSearch] ||
+           s.liveRank[CompiledCopyRules::optionalSearch] > cursor.best[CompiledCopyRules::optionalSearch];
+}
+
+bool CopyRuleWalker::mayPreserveBelow(const RuleCursor& cursor) const {
+    if (cursor.best[CompiledCopyRules::preserveSearch] != 0) return true;
+    return sets_[cursor.stateSet]->liveRank[CompiledCopyRules::preserveSearch] > 0;
+}
 
 CopyRuleDisposition::Disposition CopyRuleWalker::disposition(const RuleCursor& cursor) const {
     const auto& impl = *rules_;

@@ -130,6 +130,13 @@ public:
     // True when no directive can match anything below this path: every descendant has the
     // same answers as the cursor itself.
     bool isSettled(const RuleCursor& cursor) const;
+    // False only when nothing below this path can be copied or made optional: a skipped folder
+    // for which this is false need not be walked. (It may say true where in the end nothing is
+    // copied; it never says false where something would be.)
+    bool mayCopyBelow(const RuleCursor& cursor) const;
+    // False only when nothing below this path can be kept on the destination by a preserve
+    // directive: a destination folder for which this is false may be removed whole.
+    bool mayPreserveBelow(const RuleCursor& cursor) const;
 
     // The directive that decided the source answer (nullptr for the default) and the one that
     // keeps the item on the destination (nullptr when none does).
@@ -158,6 +165,10 @@ private:
     struct StateSet {
         std::vector<std::uint32_t> states;   // sorted, closed
         std::int32_t acceptRank[3] = {0, 0, 0};
+        // The best rank among directives still on their way to a match, per search, counting
+        // only copying directives for the copy/skip search.
+        std::int32_t liveCopyRank = 0;
+        std::int32_t liveRank[3] = {0, 0, 0};
         std::vector<std::uint32_t> stay;     // globstar states: alive after any segment
         std::vector<LiteralEdge> literals;
         std::unordered_map<std::string_view, std::uint32_t> literalIndex;  // only when many literals

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace ql {
 
 namespace {
@@ -203,6 +205,24 @@ tl::expected<Glob, Glob::GlobError> Glob::compile(std::string_view pattern) {
             if (!parseWildcard(text, seg.tokens)) {
                 return tl::unexpected(GlobError{GlobError::Kind::unterminatedCharacterClass, std::string(pattern)});
             }
+            // A star steps over whole UTF-8 characters; byte-wise search agrees with that when the
+            // text searched for is ASCII, which never occurs inside a multi-byte character.
+            using TK = Token::Kind;
+            const auto& t = seg.tokens;
+            auto ascii = [](const std::string& text) {
+                return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+            };
+            if (t.size() == 2 && t[0].kind == TK::literal && t[1].kind == TK::star) {
+                seg.shape = Segment::Shape::prefix;
+                seg.fixed = t[0].text;
+            } else if (t.size() == 2 && t[0].kind == TK::star && t[1].kind == TK::literal && ascii(t[1].text)) {
+                seg.shape = Segment::Shape::suffix;
+                seg.fixed = t[1].text;
+            } else if (t.size() == 3 && t[0].kind == TK::star && t[1].kind == TK::literal && t[2].kind == TK::star &&
+                       ascii(t[1].text)) {
+                seg.shape = Segment::Shape::infix;
+                seg.fixed = t[1].text;
+            }
         }
         // Adjacent globstars mean the same as one.
         if (!(seg.kind == Segment::Kind::globstar && !g.segments_.empty() &&
@@ -226,7 +246,14 @@ bool Glob::matchSegment(const Segment& segment, std::string_view name) {
     switch (segment.kind) {
         case Segment::Kind::literal: return name == segment.text;
         case Segment::Kind::globstar: return true;
-        case Segment::Kind::wildcard: return matchTokens(segment.tokens, name);
+        case Segment::Kind::wildcard:
+            switch (segment.shape) {
+                case Segment::Shape::prefix: return name.starts_with(segment.fixed);
+                case Segment::Shape::suffix: return name.ends_with(segment.fixed);
+                case Segment::Shape::infix: return name.find(segment.fixed) != std::string_view::npos;
+                case Segment::Shape::general: return matchTokens(segment.tokens, name);
+            }
+            return false;
     }
     return false;
 }

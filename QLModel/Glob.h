@@ -47,9 +47,13 @@ public:
             bool negated = false;
             std::vector<std::pair<std::uint32_t, std::uint32_t>> ranges;  // inclusive code-point ranges
         };
+        // Common wildcard shapes answered without the general matcher: "abc*", "*abc", "*abc*".
+        enum class Shape { general, prefix, suffix, infix };
         Kind kind = Kind::literal;
         std::string text;  // the segment as written
         std::vector<Token> tokens;  // wildcard segments only
+        Shape shape = Shape::general;
+        std::string fixed;  // the literal run of a prefix, suffix or infix shape
     };
 
     static tl::expected<Glob, GlobError> compile(std::string_view pattern);

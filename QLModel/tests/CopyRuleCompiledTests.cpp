@@ -94,6 +94,7 @@ TEST(CompiledCopyRules, EqualsThePerPathRuleOnGeneratedPathsAndDocuments) {
 // the walker's cache warm from earlier folders; settled folders share their answers below.
 TEST(CompiledCopyRules, TreeWalkFromParentCursorsEqualsThePerPathRule) {
     Generator g(77);
+    std::size_t totalPrunedCopy = 0, totalPrunedPreserve = 0;
     for (int round = 0; round < 12; ++round) {
         const CopyRuleSet set = randomSet(g);
         const auto merged = set.merged().directives;
@@ -103,8 +104,11 @@ TEST(CompiledCopyRules, TreeWalkFromParentCursorsEqualsThePerPathRule) {
             std::string path;
             RuleCursor cursor;
             int depth;
+            bool noCopyBelow;      // an ancestor promised nothing below is copied
+            bool noPreserveBelow;  // an ancestor promised nothing below is preserved
         };
-        std::vector<Frame> stack{{"", walker.root(), 0}};
+        std::vector<Frame> stack{{"", walker.root(), 0, false, false}};
+        std::size_t prunedCopy = 0, prunedPreserve = 0;
         std::size_t visited = 0;
         while (!stack.empty()) {
             const Frame frame = stack.back();
@@ -112,21 +116,38 @@ TEST(CompiledCopyRules, TreeWalkFromParentCursorsEqualsThePerPathRule) {
             for (const auto& name : kNames) {
                 const std::string path = frame.path.empty() ? name : frame.path + "/" + name;
                 const RuleCursor c = walker.child(frame.cursor, name);
-                ASSERT_EQ(walker.evaluation(c), D::evaluate(merged, path)) << "round " << round << " path “" << path << "”";
+                const auto expected = D::evaluate(merged, path);
+                ASSERT_EQ(walker.evaluation(c), expected) << "round " << round << " path “" << path << "”";
                 if (walker.isSettled(frame.cursor)) {
                     ASSERT_EQ(c, frame.cursor);
                 }
+                if (frame.noCopyBelow) {
+                    ASSERT_EQ(expected.source.disposition, D::Disposition::skip) << path;
+                    ++prunedCopy;
+                }
+                if (frame.noPreserveBelow) {
+                    ASSERT_FALSE(expected.preserve) << path;
+                    ++prunedPreserve;
+                }
                 ++visited;
-                if (frame.depth < 2) stack.push_back({path, c, frame.depth + 1});
+                if (frame.depth < 2) {
+                    stack.push_back({path, c, frame.depth + 1, frame.noCopyBelow || !walker.mayCopyBelow(c),
+                                     frame.noPreserveBelow || !walker.mayPreserveBelow(c)});
+                }
             }
         }
         ASSERT_GT(visited, 1000u);
+        totalPrunedCopy += prunedCopy;
+        totalPrunedPreserve += prunedPreserve;
         // A second walk over the same tree meets no new states.
         const std::size_t states = walker.stateSetCount();
         RuleCursor c = walker.root();
         for (const auto& name : kNames) c = walker.child(walker.child(c, name), name);
         EXPECT_EQ(walker.stateSetCount(), states);
     }
+    // The promises were made often enough to mean something.
+    EXPECT_GT(totalPrunedCopy, 100u);
+    EXPECT_GT(totalPrunedPreserve, 100u);
 }
 
 TEST(CompiledCopyRules, ReportsInertDirectivesAndSettledSubtrees) {
@@ -151,15 +172,38 @@ TEST(CompiledCopyRules, ReportsInertDirectivesAndSettledSubtrees) {
     const RuleCursor users = w.child(w.root(), "Users");
     EXPECT_FALSE(w.isSettled(users));  // Users/ann is copied again below
     EXPECT_EQ(w.disposition(users), D::Disposition::skip);
+    EXPECT_TRUE(w.mayCopyBelow(users));
     const RuleCursor bob = w.child(users, "bob");
     EXPECT_TRUE(w.isSettled(bob));
     EXPECT_EQ(w.disposition(bob), D::Disposition::skip);
+    EXPECT_FALSE(w.mayCopyBelow(bob));
+    EXPECT_FALSE(w.mayPreserveBelow(bob));
     const RuleCursor ann = w.child(users, "ann");
     EXPECT_EQ(w.disposition(ann), D::Disposition::copy);
     ASSERT_NE(w.sourceDirective(ann), nullptr);
     EXPECT_EQ(w.sourceDirective(ann)->directive.item, "Users/ann");
     EXPECT_EQ(w.sourceDirective(w.root()), nullptr);
     EXPECT_EQ(w.resolved(w.root()).provenance, D::Provenance::base());
+}
+
+TEST(CompiledCopyRules, SkippedFoldersWithOnlySkipsAliveNeedNoWalk) {
+    const auto rules = CompiledCopyRules::compile({
+        {Directive{"exclude", "Library", {}}, std::nullopt},
+        {Directive{"exclude", "**/.DS_Store", {}}, std::nullopt},
+        {Directive{"preserve", "**/keep", {}}, std::nullopt},
+        {Directive{"optional", "Volumes/*/maybe", {}}, std::nullopt},
+        {Directive{"exclude", "Volumes", {}}, std::nullopt},
+    });
+    CopyRuleWalker w(rules);
+    const RuleCursor library = w.child(w.root(), "Library");
+    EXPECT_EQ(w.disposition(library), D::Disposition::skip);
+    EXPECT_FALSE(w.isSettled(library));
+    EXPECT_FALSE(w.mayCopyBelow(library));
+    EXPECT_TRUE(w.mayPreserveBelow(library));
+    const RuleCursor volumes = w.child(w.root(), "Volumes");
+    EXPECT_EQ(w.disposition(volumes), D::Disposition::skip);
+    EXPECT_TRUE(w.mayCopyBelow(volumes));
+    EXPECT_EQ(w.disposition(w.cursorFor("Volumes/x/maybe/y")), D::Disposition::optional);
 }
 
 }  // namespace

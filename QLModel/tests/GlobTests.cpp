@@ -93,6 +93,26 @@ TEST(Glob, TellsLiteralItemsFromPatterns) {
     EXPECT_FALSE(Glob::compile("Users/**")->isLiteral());
 }
 
+// The prefix/suffix/infix shortcuts answer exactly as the general matcher, odd bytes included.
+TEST(Glob, ShapeShortcutsAgreeWithTheGeneralMatcher) {
+    const char* patterns[] = {"IMG_*", "*.tmp", "*cache*", "é*", "*é", "*é*", "*\xA9", "com.apple.*", "**x"};
+    const std::string names[] = {"IMG_1", "IMG_", "img_1", "a.tmp", ".tmp", "a.tmpx", "mycachedir", "cache", "été",
+                                 "café", "\xC3\xA9", "\xC3\xC3\xA9", "x\xA9", "com.apple.x", "", "x", "xx"};
+    int shortcuts = 0;
+    for (const char* p : patterns) {
+        auto g = Glob::compile(p);
+        ASSERT_TRUE(g) << p;
+        const Glob::Segment& seg = g->segments().front();
+        Glob::Segment general = seg;
+        general.shape = Glob::Segment::Shape::general;
+        shortcuts += seg.shape != Glob::Segment::Shape::general;
+        for (const auto& n : names) {
+            EXPECT_EQ(Glob::matchSegment(seg, n), Glob::matchSegment(general, n)) << p << " vs " << n;
+        }
+    }
+    EXPECT_GE(shortcuts, 5);
+}
+
 // Star backtracking must not blow up on adversarial names.
 TEST(Glob, PathologicalStarsFinishQuickly) {
     auto g = Glob::compile("*a*a*a*a*a*a*a*a*b");
