@@ -26,6 +26,10 @@ target_include_directories(ql_asio SYSTEM INTERFACE "${ASIO_INCLUDE_DIR}")
 # freed. Pin the choice for every target.
 target_compile_definitions(ql_asio INTERFACE ASIO_STANDALONE ASIO_DISABLE_STD_ALIGNED_ALLOC)
 target_link_libraries(ql_asio INTERFACE Threads::Threads)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  # Asio 1.22 looks only for <experimental/coroutine> under clang; libstdc++ offers <coroutine>.
+  target_compile_definitions(ql_asio INTERFACE ASIO_HAS_CO_AWAIT=1)
+endif()
 
 if(QL_BUILD_TESTS)
   find_package(GTest REQUIRED)
