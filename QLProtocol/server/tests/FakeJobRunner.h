@@ -26,7 +26,7 @@ public:
         if (throwOnRun) throw std::runtime_error(throwOnRun);
         auto [p, c] = Events::make();
         producer = p;
-        started = true;
+        started = true;  // after the producer: a test that sees `started` may push
         for (const auto& e : scripted) producer.push(e);
         if (endAfterScript) producer.finish();
         return std::move(c);
@@ -115,7 +115,7 @@ public:
     v1::CopyRequest request;
     v1::RunId runID;
     Events::Producer producer;
-    bool started = false;
+    std::atomic<bool> started{false};
     std::atomic<int> cancels{0};
     std::atomic<int> pauses{0};
     std::atomic<int> resumes{0};
@@ -144,6 +144,12 @@ public:
         for (auto it = made.rbegin(); it != made.rend(); ++it)
             if ((*it)->request.tile_id() == tileID) return *it;
         return nullptr;
+    }
+
+    // The runners made so far (the list grows on the job manager's threads).
+    std::vector<std::shared_ptr<FakeJobRunner>> snapshot() const {
+        std::lock_guard lock(mutex);
+        return made;
     }
 
     std::size_t count() const {
