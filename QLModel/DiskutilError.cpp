@@ -18,7 +18,9 @@ std::string DiskutilError::message() const {
             [](const PlistParseFailed& e) {
                 return fmt::format("diskutil's output could not be read as a property list: {}", e.detail);
             },
-            [](const MissingField& e) { return fmt::format("diskutil's output lacks the required key \"{}\".", e.key); },
+            [](const MissingField& e) {
+                return fmt::format("diskutil's output lacks the required key \"{}\".", e.key);
+            },
             [](const IncompleteScan& e) { return fmt::format("The disk scan was incomplete: {}", e.detail); },
             [](const DeviceUnreadable& e) { return fmt::format("Couldn't read {}: {}", e.device, e.detail); },
         },

@@ -150,44 +150,44 @@ tl::expected<PlistDictionary, DiskutilError> DiskutilProbe::outputDictionary(con
 
 tl::expected<ProbeList, DiskutilError> DiskutilProbe::mapList(const PlistDictionary& root) {
     ProbeList list;
-    auto mapped = forEachDict(root, "AllDisksAndPartitions", [&](const PlistDictionary& diskDict)
-                                                                 -> tl::expected<void, DiskutilError> {
-        ProbeDisk disk;
-        auto name = deviceIdentifierAt(diskDict);
-        if (!name) return tl::unexpected(name.error());
-        disk.deviceIdentifier = *name;
-        disk.content = stringAt(diskDict, "Content");
-        disk.apfsPhysicalStores = physicalStoresAt(diskDict, "APFSPhysicalStores");
-        auto partitions = forEachDict(diskDict, "Partitions", [&](const PlistDictionary& entry)
-                                                                  -> tl::expected<void, DiskutilError> {
-            ProbePartition partition;
-            auto partitionName = deviceIdentifierAt(entry);
-            if (!partitionName) return tl::unexpected(partitionName.error());
-            partition.deviceIdentifier = *partitionName;
-            partition.content = stringAt(entry, "Content");
-            partition.size = unsignedAt(entry, "Size");
-            partition.diskUUID = uuidAt(entry, "DiskUUID");
-            partition.volumeUUID = uuidAt(entry, "VolumeUUID");
-            disk.partitions.push_back(std::move(partition));
+    auto mapped = forEachDict(
+        root, "AllDisksAndPartitions", [&](const PlistDictionary& diskDict) -> tl::expected<void, DiskutilError> {
+            ProbeDisk disk;
+            auto name = deviceIdentifierAt(diskDict);
+            if (!name) return tl::unexpected(name.error());
+            disk.deviceIdentifier = *name;
+            disk.content = stringAt(diskDict, "Content");
+            disk.apfsPhysicalStores = physicalStoresAt(diskDict, "APFSPhysicalStores");
+            auto partitions = forEachDict(diskDict, "Partitions",
+                                          [&](const PlistDictionary& entry) -> tl::expected<void, DiskutilError> {
+                                              ProbePartition partition;
+                                              auto partitionName = deviceIdentifierAt(entry);
+                                              if (!partitionName) return tl::unexpected(partitionName.error());
+                                              partition.deviceIdentifier = *partitionName;
+                                              partition.content = stringAt(entry, "Content");
+                                              partition.size = unsignedAt(entry, "Size");
+                                              partition.diskUUID = uuidAt(entry, "DiskUUID");
+                                              partition.volumeUUID = uuidAt(entry, "VolumeUUID");
+                                              disk.partitions.push_back(std::move(partition));
+                                              return {};
+                                          });
+            if (!partitions) return partitions;
+            auto volumes = forEachDict(diskDict, "APFSVolumes",
+                                       [&](const PlistDictionary& entry) -> tl::expected<void, DiskutilError> {
+                                           ProbeAPFSVolume volume;
+                                           auto volumeName = deviceIdentifierAt(entry);
+                                           if (!volumeName) return tl::unexpected(volumeName.error());
+                                           volume.deviceIdentifier = *volumeName;
+                                           volume.name = stringAt(entry, "VolumeName");
+                                           volume.size = unsignedAt(entry, "Size");
+                                           volume.mountPoint = stringAt(entry, "MountPoint");
+                                           disk.apfsVolumes.push_back(std::move(volume));
+                                           return {};
+                                       });
+            if (!volumes) return volumes;
+            list.allDisksAndPartitions.push_back(std::move(disk));
             return {};
         });
-        if (!partitions) return partitions;
-        auto volumes = forEachDict(diskDict, "APFSVolumes", [&](const PlistDictionary& entry)
-                                                                -> tl::expected<void, DiskutilError> {
-            ProbeAPFSVolume volume;
-            auto volumeName = deviceIdentifierAt(entry);
-            if (!volumeName) return tl::unexpected(volumeName.error());
-            volume.deviceIdentifier = *volumeName;
-            volume.name = stringAt(entry, "VolumeName");
-            volume.size = unsignedAt(entry, "Size");
-            volume.mountPoint = stringAt(entry, "MountPoint");
-            disk.apfsVolumes.push_back(std::move(volume));
-            return {};
-        });
-        if (!volumes) return volumes;
-        list.allDisksAndPartitions.push_back(std::move(disk));
-        return {};
-    });
     if (!mapped) return tl::unexpected(mapped.error());
     return list;
 }
@@ -224,32 +224,32 @@ tl::expected<ProbeInfo, DiskutilError> DiskutilProbe::mapInfo(const PlistDiction
 tl::expected<std::vector<ProbeAPFSContainerDetail>, DiskutilError> DiskutilProbe::mapAPFSContainers(
     const PlistDictionary& root) {
     std::vector<ProbeAPFSContainerDetail> containers;
-    auto mapped = forEachDict(root, "Containers", [&](const PlistDictionary& entry)
-                                                      -> tl::expected<void, DiskutilError> {
-        ProbeAPFSContainerDetail container;
-        container.containerReference = stringAt(entry, "ContainerReference").value_or(std::string());
-        container.containerUUID = uuidAt(entry, "APFSContainerUUID");
-        container.physicalStores = physicalStoresAt(entry, "PhysicalStores");
-        container.capacityCeiling = unsignedAt(entry, "CapacityCeiling");
-        container.capacityFree = unsignedAt(entry, "CapacityFree");
-        auto volumes = forEachDict(entry, "Volumes", [&](const PlistDictionary& volumeDict)
-                                                         -> tl::expected<void, DiskutilError> {
-            ProbeAPFSContainerVolume volume;
-            auto name = deviceIdentifierAt(volumeDict);
-            if (!name) return tl::unexpected(name.error());
-            volume.deviceIdentifier = *name;
-            volume.volumeUUID = uuidAt(volumeDict, "APFSVolumeUUID");
-            volume.name = stringAt(volumeDict, "Name");
-            volume.roles = stringsAt(volumeDict, "Roles");
-            volume.groupID = uuidAt(volumeDict, "APFSVolumeGroupID");
-            volume.capacityInUse = unsignedAt(volumeDict, "CapacityInUse");
-            container.volumes.push_back(std::move(volume));
+    auto mapped =
+        forEachDict(root, "Containers", [&](const PlistDictionary& entry) -> tl::expected<void, DiskutilError> {
+            ProbeAPFSContainerDetail container;
+            container.containerReference = stringAt(entry, "ContainerReference").value_or(std::string());
+            container.containerUUID = uuidAt(entry, "APFSContainerUUID");
+            container.physicalStores = physicalStoresAt(entry, "PhysicalStores");
+            container.capacityCeiling = unsignedAt(entry, "CapacityCeiling");
+            container.capacityFree = unsignedAt(entry, "CapacityFree");
+            auto volumes = forEachDict(entry, "Volumes",
+                                       [&](const PlistDictionary& volumeDict) -> tl::expected<void, DiskutilError> {
+                                           ProbeAPFSContainerVolume volume;
+                                           auto name = deviceIdentifierAt(volumeDict);
+                                           if (!name) return tl::unexpected(name.error());
+                                           volume.deviceIdentifier = *name;
+                                           volume.volumeUUID = uuidAt(volumeDict, "APFSVolumeUUID");
+                                           volume.name = stringAt(volumeDict, "Name");
+                                           volume.roles = stringsAt(volumeDict, "Roles");
+                                           volume.groupID = uuidAt(volumeDict, "APFSVolumeGroupID");
+                                           volume.capacityInUse = unsignedAt(volumeDict, "CapacityInUse");
+                                           container.volumes.push_back(std::move(volume));
+                                           return {};
+                                       });
+            if (!volumes) return volumes;
+            containers.push_back(std::move(container));
             return {};
         });
-        if (!volumes) return volumes;
-        containers.push_back(std::move(container));
-        return {};
-    });
     if (!mapped) return tl::unexpected(mapped.error());
     return containers;
 }

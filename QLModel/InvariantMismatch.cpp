@@ -4,12 +4,8 @@
 
 namespace ql {
 
-std::string InvariantMismatch::description() const {
-    return field + ": expected " + expected + ", found " + actual;
-}
+std::string InvariantMismatch::description() const { return field + ": expected " + expected + ", found " + actual; }
 
-std::ostream& operator<<(std::ostream& out, const InvariantMismatch& mismatch) {
-    return out << mismatch.description();
-}
+std::ostream& operator<<(std::ostream& out, const InvariantMismatch& mismatch) { return out << mismatch.description(); }
 
 }  // namespace ql

@@ -64,8 +64,8 @@ public:
         std::string type;                 // GPT: type GUID; MBR: "0x83"; APM: type name
     };
     struct PartitionTable {
-        std::string type;                 // "gpt", "dos", "mac", ...
-        std::optional<std::string> id;    // the disk's GUID (GPT) or identifier
+        std::string type;               // "gpt", "dos", "mac", ...
+        std::optional<std::string> id;  // the disk's GUID (GPT) or identifier
         std::vector<TableEntry> entries;
     };
 

@@ -197,8 +197,8 @@ tl::expected<std::optional<LinuxBlockDeviceProbe::FilesystemFacts>, std::string>
     if (!probe) return tl::unexpected(fmt::format("{}: {}", *node, std::strerror(errno ? errno : EIO)));
     blkid_probe_enable_partitions(probe.get(), 0);
     blkid_probe_enable_superblocks(probe.get(), 1);
-    blkid_probe_set_superblocks_flags(probe.get(),
-                                      BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID | BLKID_SUBLKS_TYPE | BLKID_SUBLKS_VERSION);
+    blkid_probe_set_superblocks_flags(
+        probe.get(), BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID | BLKID_SUBLKS_TYPE | BLKID_SUBLKS_VERSION);
     int rc = blkid_do_safeprobe(probe.get());
     if (rc == -1) return tl::unexpected(fmt::format("{}: the superblocks could not be read", *node));
     if (rc != 0) return std::optional<FilesystemFacts>();  // nothing found, or ambivalent signatures
@@ -287,10 +287,10 @@ std::string LinuxBlockDeviceProbe::schemeName(const std::string& tableType) {
 
 std::string LinuxBlockDeviceProbe::mbrContentName(const std::string& type) {
     static const std::pair<const char*, const char*> names[] = {
-        {"0x01", "DOS_FAT_12"},   {"0x04", "DOS_FAT_16"},  {"0x06", "DOS_FAT_16"},   {"0x07", "Windows_NTFS"},
-        {"0x0b", "DOS_FAT_32"},   {"0x0c", "DOS_FAT_32"},  {"0x0e", "DOS_FAT_16"},   {"0x05", "DOS_Extended"},
-        {"0x0f", "DOS_Extended"}, {"0x82", "Linux_Swap"},  {"0x83", "Linux"},        {"0x8e", "Linux_LVM"},
-        {"0xaf", "Apple_HFS"},    {"0xee", "EFI_GPT"},     {"0xef", "EFI"},
+        {"0x01", "DOS_FAT_12"},   {"0x04", "DOS_FAT_16"}, {"0x06", "DOS_FAT_16"}, {"0x07", "Windows_NTFS"},
+        {"0x0b", "DOS_FAT_32"},   {"0x0c", "DOS_FAT_32"}, {"0x0e", "DOS_FAT_16"}, {"0x05", "DOS_Extended"},
+        {"0x0f", "DOS_Extended"}, {"0x82", "Linux_Swap"}, {"0x83", "Linux"},      {"0x8e", "Linux_LVM"},
+        {"0xaf", "Apple_HFS"},    {"0xee", "EFI_GPT"},    {"0xef", "EFI"},
     };
     for (const auto& [code, name] : names) {
         if (type == code) return name;
@@ -347,7 +347,8 @@ VolumeProbe::ListResult LinuxBlockDeviceProbe::listDisksNow() const {
         for (const auto& name : partitionsOf(disk)) {
             ProbePartition partition;
             partition.deviceIdentifier = name;
-            if (auto sectors = attribute(name, "size")) partition.size = std::strtoull(sectors->c_str(), nullptr, 10) * 512;
+            if (auto sectors = attribute(name, "size"))
+                partition.size = std::strtoull(sectors->c_str(), nullptr, 10) * 512;
             auto number = attribute(name, "partition");
             if (table && *table && number) {
                 for (const auto& entry : (*table)->entries) {

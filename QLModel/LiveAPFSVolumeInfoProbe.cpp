@@ -32,7 +32,8 @@ APFSVolumeInfo LiveAPFSVolumeInfoProbe::fromDescription(const ProbeInfo& info) {
     out.volumeUUID = info.volumeUUID;
     out.mediumType = info.mediaType;
     const bool apfsContent = info.content && uppercased(*info.content) == PartitionContentName::apfsVolumeContentGUID;
-    const bool apfsPersonality = info.filesystemPersonality && uppercased(*info.filesystemPersonality).find("APFS") == 0;
+    const bool apfsPersonality =
+        info.filesystemPersonality && uppercased(*info.filesystemPersonality).find("APFS") == 0;
     out.isAPFS = apfsContent || (apfsPersonality && !info.partitionMapPartition && !info.wholeDisk.value_or(false));
     return out;
 }

@@ -9,9 +9,9 @@ namespace ql {
 namespace {
 
 bool sameGUID(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return std::toupper(static_cast<unsigned char>(x)) ==
-                                                  std::toupper(static_cast<unsigned char>(y)); });
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+        return std::toupper(static_cast<unsigned char>(x)) == std::toupper(static_cast<unsigned char>(y));
+    });
 }
 
 }  // namespace

@@ -9,12 +9,12 @@ namespace ql {
 
 // The properties of a device's registry media object that decide its encryption state.
 struct EncryptionMediaProperties {
-    bool encrypted = false;                // "Encrypted"
-    bool locked = false;                   // "Locked"
-    std::optional<std::string> content;    // "Content"
-    std::optional<std::string> uuid;       // "UUID"
-    std::optional<std::string> fullName;   // "FullName"
-    bool isAPFSVolume = false;             // the object is an APFS volume
+    bool encrypted = false;               // "Encrypted"
+    bool locked = false;                  // "Locked"
+    std::optional<std::string> content;   // "Content"
+    std::optional<std::string> uuid;      // "UUID"
+    std::optional<std::string> fullName;  // "FullName"
+    bool isAPFSVolume = false;            // the object is an APFS volume
     friend bool operator==(const EncryptionMediaProperties&, const EncryptionMediaProperties&) = default;
 };
 

@@ -6,9 +6,8 @@
 namespace ql {
 namespace {
 
-constexpr std::array<std::string_view, 6> kNames{"unsupportedKey", "probeFailed",
-                                                 "imageHostUnmounted", "notAttached",
-                                                 "volumeMissing",  "imageFileMissing"};
+constexpr std::array<std::string_view, 6> kNames{"unsupportedKey", "probeFailed",   "imageHostUnmounted",
+                                                 "notAttached",    "volumeMissing", "imageFileMissing"};
 
 }  // namespace
 

@@ -283,9 +283,12 @@ VolumeResolver::VolumeResolver(const Executor& executor, VolumeResolverEnvironme
     if (!env_.sleeper) env_.sleeper = std::make_shared<LiveSleeper>();
 }
 
-asio::awaitable<Resolution> VolumeResolver::resolve(VolumeRef ref) { return serialized(resolveOnStrand(std::move(ref))); }
+asio::awaitable<Resolution> VolumeResolver::resolve(VolumeRef ref) {
+    return serialized(resolveOnStrand(std::move(ref)));
+}
 
-asio::awaitable<VolumeResolver::BindingResult> VolumeResolver::bind(std::string device, ImageBackedDevicePolicy policy) {
+asio::awaitable<VolumeResolver::BindingResult> VolumeResolver::bind(std::string device,
+                                                                    ImageBackedDevicePolicy policy) {
     return serialized(bindOnStrand(std::move(device), policy, true));
 }
 
@@ -310,7 +313,8 @@ asio::awaitable<Resolution> VolumeResolver::dispatch(VolumeRef ref) {
     }
     if (deviceKey && !env_.serialProbe) {
         co_return Resolution::unresolved(UnresolvedReason::unsupportedKey(
-            std::string(ref.key.caseName()) + " keys can't be resolved here: this resolver has no hardware-serial probe"));
+            std::string(ref.key.caseName()) +
+            " keys can't be resolved here: this resolver has no hardware-serial probe"));
     }
     switch (kind) {
         case VolumeKey::Kind::gptPartitionGUID: {
@@ -484,7 +488,8 @@ asio::awaitable<VolumeResolver::HostLookup> VolumeResolver::findLocalVolume(Uuid
         }
         for (const auto& partition : disk.partitions) {
             if (partition.volumeUUID) {
-                if (*partition.volumeUUID == volumeUUID) candidates.insert(candidates.begin(), partition.deviceIdentifier);
+                if (*partition.volumeUUID == volumeUUID)
+                    candidates.insert(candidates.begin(), partition.deviceIdentifier);
             } else if (!isAPFSContainerContent(partition.content)) {
                 candidates.push_back(partition.deviceIdentifier);
             }
@@ -682,8 +687,9 @@ asio::awaitable<Resolution> VolumeResolver::searchNetworkShare(VolumeRef ref) {
     co_return Resolution::unresolved(UnresolvedReason::volumeMissing());
 }
 
-asio::awaitable<Resolution> VolumeResolver::examine(VolumeRef ref, std::string device, std::optional<std::string> scheme,
-                                                    std::optional<ProbeList> listing, std::string unreadableSentence) {
+asio::awaitable<Resolution> VolumeResolver::examine(VolumeRef ref, std::string device,
+                                                    std::optional<std::string> scheme, std::optional<ProbeList> listing,
+                                                    std::string unreadableSentence) {
     auto info = co_await env_.probe->describe(device);
     if (!info) {
         Log::f(kTag, "couldn't describe {}, found for {}: {}", device, ref.key.description(), info.error().message());
@@ -719,7 +725,8 @@ asio::awaitable<tl::expected<CurrentVolumeState, UnresolvedReason>> VolumeResolv
             co_return tl::unexpected(UnresolvedReason::probeFailed("APFS container topology not ready for " + device));
         }
         state.containerState = containerState(*container, listing);
-        state.physicalStoreCount = std::max<std::int64_t>(1, static_cast<std::int64_t>(container->physicalStores.size()));
+        state.physicalStoreCount =
+            std::max<std::int64_t>(1, static_cast<std::int64_t>(container->physicalStores.size()));
         for (const auto& volume : state.containerState->allVolumes) {
             if (markers(volume.mountPoint)) state.hasTimeMachine = true;
         }
@@ -791,11 +798,10 @@ asio::awaitable<std::optional<InvariantMismatch>> VolumeResolver::checkSerial(Vo
         (kind == VolumeKey::Kind::gptPartitionGUID || kind == VolumeKey::Kind::wholeDiskAPFSContainer)) {
         // The device declared itself to have no durable serial: say so and don't compare.
         auto live = env_.serialProbe->serial(device);
-        Log::line("serialProbe", device + ": stored serial is self-declared non-durable (" + recorded->value + " → " +
-                                     (live ? live->value : std::string("<unreadable>")) + ") key=" +
-                                     std::string(ref.key.caseName()) +
-                                     " family=" + std::string(caseName(ref.invariants.filesystemFamily)) +
-                                     " — not compared");
+        Log::line("serialProbe",
+                  device + ": stored serial is self-declared non-durable (" + recorded->value + " → " +
+                      (live ? live->value : std::string("<unreadable>")) + ") key=" + std::string(ref.key.caseName()) +
+                      " family=" + std::string(caseName(ref.invariants.filesystemFamily)) + " — not compared");
         co_return std::nullopt;
     }
 
@@ -845,13 +851,15 @@ asio::awaitable<VolumeResolver::BindingResult> VolumeResolver::bindOnStrand(std:
     std::string factsDevice = device;
     std::optional<std::vector<ProbeAPFSContainerDetail>> containers;
     if (isAPFSVolume(info)) {
-        if (!info.apfsVolumeRole.empty()) target = VolumeTarget::apfsVolumeByRole(roleNamed(info.apfsVolumeRole.front()));
+        if (!info.apfsVolumeRole.empty())
+            target = VolumeTarget::apfsVolumeByRole(roleNamed(info.apfsVolumeRole.front()));
         auto listedContainers = co_await env_.probe->listAPFSContainers();
         std::optional<std::string> store;
         if (listedContainers) {
             containers = *listedContainers;
             for (const auto& container : *listedContainers) {
-                bool holds = info.apfsContainerReference && container.containerReference == *info.apfsContainerReference;
+                bool holds =
+                    info.apfsContainerReference && container.containerReference == *info.apfsContainerReference;
                 for (const auto& volume : container.volumes) holds = holds || volume.deviceIdentifier == device;
                 if (holds && !container.physicalStores.empty()) {
                     store = container.physicalStores.front();
@@ -886,7 +894,8 @@ asio::awaitable<VolumeResolver::BindingResult> VolumeResolver::bindOnStrand(std:
                 if (listedContainers) containers = *listedContainers;
             }
             if (containers) {
-                if (auto container = containerFor(*containers, factsDevice, info)) containerUUID = container->containerUUID;
+                if (auto container = containerFor(*containers, factsDevice, info))
+                    containerUUID = container->containerUUID;
             }
         }
         if (containerUUID) key = VolumeKey::wholeDiskAPFSContainer(*containerUUID);

@@ -56,11 +56,15 @@ public:
     const VolumeResolverEnvironment& environment() const { return env_; }
 
     // The fixed sentences of incomplete searches.
-    static constexpr std::string_view partitionScanIncomplete = "Couldn't read every partition while looking for this one";
-    static constexpr std::string_view containerScanIncomplete = "Couldn't read every container while looking for this one";
-    static constexpr std::string_view wholeDiskScanIncomplete = "Couldn't read every disk while looking for this volume";
+    static constexpr std::string_view partitionScanIncomplete =
+        "Couldn't read every partition while looking for this one";
+    static constexpr std::string_view containerScanIncomplete =
+        "Couldn't read every container while looking for this one";
+    static constexpr std::string_view wholeDiskScanIncomplete =
+        "Couldn't read every disk while looking for this volume";
     static constexpr std::string_view sliceScanIncomplete = "Couldn't read every slice while looking for this volume";
-    static constexpr std::string_view imageVolumeScanIncomplete = "Couldn't read every volume while looking for this one";
+    static constexpr std::string_view imageVolumeScanIncomplete =
+        "Couldn't read every volume while looking for this one";
     static constexpr std::string_view imageHostScanIncomplete =
         "Couldn't check whether the disk holding this image is connected";
 
@@ -80,8 +84,8 @@ private:
     // Describes a found device in full, builds its state and checks the invariants.
     asio::awaitable<Resolution> examine(VolumeRef ref, std::string device, std::optional<std::string> scheme,
                                         std::optional<ProbeList> listing, std::string unreadableSentence);
-    asio::awaitable<tl::expected<CurrentVolumeState, UnresolvedReason>> buildState(
-        std::string device, ProbeInfo info, std::optional<ProbeList> listing);
+    asio::awaitable<tl::expected<CurrentVolumeState, UnresolvedReason>> buildState(std::string device, ProbeInfo info,
+                                                                                   std::optional<ProbeList> listing);
     asio::awaitable<std::vector<InvariantMismatch>> checkInvariants(VolumeRef ref, ProbeInfo info,
                                                                     CurrentVolumeState state);
     asio::awaitable<std::optional<InvariantMismatch>> checkSerial(VolumeRef ref, std::string device);

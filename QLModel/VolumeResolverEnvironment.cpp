@@ -94,7 +94,7 @@ bool VolumeResolverEnvironment::liveNetworkHostsEquivalent(const std::string& a,
 }
 
 std::optional<std::string> VolumeResolverEnvironment::shareURLFromMountSource(std::string_view type,
-                                                                           std::string_view source) {
+                                                                              std::string_view source) {
     if (type == "cifs" || type == "smb3" || type == "smbfs") {
         if (source.substr(0, 2) != "//" || source.size() <= 2) return std::nullopt;
         return "smb:" + std::string(source);

@@ -25,8 +25,8 @@ std::vector<NetworkMountEntry> VolumeResolverEnvironment::liveNetworkMounts() {
 std::vector<AttachedImageEntry> VolumeResolverEnvironment::liveAttachedImages() {
     BlockingPool pool(1);
     LiveShellRunner runner(pool);
-    auto outcome = runner.runBlocking(ShellCommand{"/usr/bin/hdiutil", {"info", "-plist"}, std::nullopt,
-                                                   std::chrono::seconds(30), nullptr});
+    auto outcome = runner.runBlocking(
+        ShellCommand{"/usr/bin/hdiutil", {"info", "-plist"}, std::nullopt, std::chrono::seconds(30), nullptr});
     if (!outcome || outcome->exitCode != 0) return {};
     return attachedImagesFromHdiutilInfo(outcome->stdout);
 }

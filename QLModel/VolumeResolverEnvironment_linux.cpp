@@ -39,7 +39,8 @@ std::vector<AttachedImageEntry> VolumeResolverEnvironment::liveAttachedImages() 
         entry.devices.push_back(disk);
         for (auto& partition : blockDevices.partitionsOf(disk)) entry.devices.push_back(std::move(partition));
         // The image's own identity: the GUID of the partition table written inside it.
-        if (auto table = blockDevices.readPartitionTable(disk); table && *table && (*table)->type == "gpt" && (*table)->id) {
+        if (auto table = blockDevices.readPartitionTable(disk);
+            table && *table && (*table)->type == "gpt" && (*table)->id) {
             if (auto guid = Uuid::parse(*(*table)->id)) entry.internalGUID = *guid;
         }
         images.push_back(std::move(entry));

@@ -46,7 +46,8 @@ TEST(APFSVolumeInfoProbe, readsTheVolumesDescription) {
 
     LiveAPFSVolumeInfoProbe live(probe);
     EXPECT_EQ(run(live.volumeInfo("disk3s5")), (APFSVolumeInfo{kGroup, "Data", kVolume, "Generic", true}));
-    EXPECT_EQ(run(live.volumeInfo("disk2s2")), (APFSVolumeInfo{std::nullopt, std::nullopt, std::nullopt, std::nullopt, false}));
+    EXPECT_EQ(run(live.volumeInfo("disk2s2")),
+              (APFSVolumeInfo{std::nullopt, std::nullopt, std::nullopt, std::nullopt, false}));
     // A container partition is APFS, but not an APFS volume.
     EXPECT_FALSE(run(live.volumeInfo("disk0s2"))->isAPFS);
     EXPECT_EQ(run(live.volumeInfo("disk99")), std::nullopt);

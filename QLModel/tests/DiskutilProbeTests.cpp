@@ -123,11 +123,14 @@ TEST(DiskutilProbe, mapsTheAPFSListing) {
     EXPECT_EQ(system.capacityCeiling, 994'662'584'320ULL);
     EXPECT_EQ(system.capacityFree, 412'000'000'000ULL);
     ASSERT_EQ(system.volumes.size(), 3u);
-    EXPECT_EQ(system.volumes[1], (ProbeAPFSContainerVolume{"disk3s5", uuid("7A8B9C0D-1E2F-4A3B-8C4D-5E6F7A8B9C0D"), "Data",
-                                                           {"Data"}, uuid("6E7F8A9B-0C1D-4E2F-A3B4-C5D6E7F8A9B0"),
+    EXPECT_EQ(system.volumes[1], (ProbeAPFSContainerVolume{"disk3s5",
+                                                           uuid("7A8B9C0D-1E2F-4A3B-8C4D-5E6F7A8B9C0D"),
+                                                           "Data",
+                                                           {"Data"},
+                                                           uuid("6E7F8A9B-0C1D-4E2F-A3B4-C5D6E7F8A9B0"),
                                                            560'000'000'000ULL}));
-    EXPECT_EQ(system.volumes[2], (ProbeAPFSContainerVolume{"disk3s2", std::nullopt, "Preboot", {"Preboot"}, std::nullopt,
-                                                           1'100'000'000ULL}));
+    EXPECT_EQ(system.volumes[2], (ProbeAPFSContainerVolume{
+                                     "disk3s2", std::nullopt, "Preboot", {"Preboot"}, std::nullopt, 1'100'000'000ULL}));
     EXPECT_THAT((*containers)[1].physicalStores, ElementsAre("disk7"));
     EXPECT_TRUE((*containers)[1].volumes[0].roles.empty());
 }
@@ -178,14 +181,16 @@ INSTANTIATE_TEST_SUITE_P(
                     DiskutilError::Kind::processFailed, "No such file or directory", -1},
         FailureCase{"timedOut", tl::unexpected(ShellRunner::ShellError::timedOut("/usr/sbin/diskutil", 300)),
                     DiskutilError::Kind::processFailed, "diskutil", -1},
-        FailureCase{"runnerReportsExit", tl::unexpected(ShellRunner::ShellError::nonZeroExit("/usr/sbin/diskutil", 5, "busy")),
+        FailureCase{"runnerReportsExit",
+                    tl::unexpected(ShellRunner::ShellError::nonZeroExit("/usr/sbin/diskutil", 5, "busy")),
                     DiskutilError::Kind::processFailed, "busy", 5},
         FailureCase{"notAPropertyList", ShellRunner::Result{0, "Disk /dev/disk0 is busy", ""},
                     DiskutilError::Kind::plistParseFailed, ""},
         FailureCase{"emptyOutput", ShellRunner::Result{0, "", ""}, DiskutilError::Kind::plistParseFailed, ""},
         FailureCase{"arrayRoot",
-                    ShellRunner::Result{0, "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>disk0</string>"
-                                           "</array></plist>",
+                    ShellRunner::Result{0,
+                                        "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>disk0</string>"
+                                        "</array></plist>",
                                         ""},
                     DiskutilError::Kind::plistParseFailed, "root is not a dictionary"}),
     [](const auto& info) { return std::string(info.param.name); });

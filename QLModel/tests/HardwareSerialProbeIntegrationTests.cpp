@@ -58,9 +58,7 @@ protected:
         return dir;
     }
 
-    LiveHardwareSerialProbe probe() const {
-        return LiveHardwareSerialProbe({root.string(), (root / "udev").string()});
-    }
+    LiveHardwareSerialProbe probe() const { return LiveHardwareSerialProbe({root.string(), (root / "udev").string()}); }
 
     fs::path root;
 };
@@ -107,7 +105,8 @@ TEST_F(FakeSysfs, usbSerialAboveTheDisk) {
 
 TEST_F(FakeSysfs, udevDatabaseWhenPresent) {
     addDisk("vdb", "virtual/vdb", "254:16");
-    write(root / "udev" / "b254:16", "S:disk/by-id/virtio-QM0001\nE:ID_SERIAL=QEMU_HARDDISK_QM0001\nE:ID_SERIAL_SHORT=QM0001\n");
+    write(root / "udev" / "b254:16",
+          "S:disk/by-id/virtio-QM0001\nE:ID_SERIAL=QEMU_HARDDISK_QM0001\nE:ID_SERIAL_SHORT=QM0001\n");
     expectFound(probe().lookUp("vdb"), "Serial Number", "QM0001");
 }
 
@@ -135,9 +134,9 @@ TEST_F(FakeSysfs, loopDevicesAreImageBacked) {
     addDisk("vda", "virtio/vda", "254:0");
     struct stat info {};
     ASSERT_EQ(::stat(image.c_str(), &info), 0);
-    fs::create_directory_symlink(root / "class" / "block" / "vda",
-                                 root / "dev" / "block" /
-                                     (std::to_string(major(info.st_dev)) + ":" + std::to_string(minor(info.st_dev))));
+    fs::create_directory_symlink(
+        root / "class" / "block" / "vda",
+        root / "dev" / "block" / (std::to_string(major(info.st_dev)) + ":" + std::to_string(minor(info.st_dev))));
 
     LiveDiskImageBackingProbe backing({(root / "class" / "block").string(), (root / "dev" / "block").string()});
     EXPECT_EQ(backing.backing("loop3p1"), (DiskImageBacking{image.string(), "vda"}));

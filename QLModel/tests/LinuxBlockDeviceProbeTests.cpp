@@ -12,7 +12,8 @@ using Facts = LinuxBlockDeviceProbe::FilesystemFacts;
 TEST(LinuxBlockDeviceProbe, filesystemUUIDsAreVolumeUUIDs) {
     Facts ext4{"ext4", "3f2504e0-4f89-41d3-9a0c-0305e82c3301", "Archive", "1.0"};
     EXPECT_EQ(LinuxBlockDeviceProbe::volumeUUIDOf(ext4), Uuid::parse("3F2504E0-4F89-41D3-9A0C-0305E82C3301").value());
-    EXPECT_EQ(LinuxBlockDeviceProbe::volumeUUIDOf(Facts{"ext4", std::nullopt, std::nullopt, std::nullopt}), std::nullopt);
+    EXPECT_EQ(LinuxBlockDeviceProbe::volumeUUIDOf(Facts{"ext4", std::nullopt, std::nullopt, std::nullopt}),
+              std::nullopt);
 }
 
 TEST(LinuxBlockDeviceProbe, shortSerialsGiveStableDistinctUUIDs) {

@@ -44,7 +44,8 @@ TEST(VolumeResolverEnvironment, shareURLsFromMountSources) {
         {"ext4", "/dev/vda", std::nullopt},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(VolumeResolverEnvironment::shareURLFromMountSource(c.type, c.source), c.url) << c.type << " " << c.source;
+        EXPECT_EQ(VolumeResolverEnvironment::shareURLFromMountSource(c.type, c.source), c.url)
+            << c.type << " " << c.source;
     }
 }
 

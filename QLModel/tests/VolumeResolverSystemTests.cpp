@@ -52,7 +52,8 @@ public:
 
     // Runs a tool; a failure is recorded as a test failure and returned as absent.
     std::optional<std::string> run(const std::string& executable, std::vector<std::string> arguments) {
-        auto outcome = runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
+        auto outcome =
+            runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
         std::string line = executable;
         for (const auto& a : arguments) line += " " + a;
         if (!outcome) {
@@ -68,7 +69,8 @@ public:
 
     // For clean-up: failures are only reported.
     void tryRun(const std::string& executable, std::vector<std::string> arguments) {
-        auto outcome = runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
+        auto outcome =
+            runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
         if (!outcome || outcome->exitCode != 0) {
             std::fprintf(stderr, "clean-up: %s %s failed: %s\n", executable.c_str(),
                          arguments.empty() ? "" : arguments.back().c_str(),
@@ -79,14 +81,17 @@ public:
     // Why this machine can't run the tests, if it can't.
     std::optional<std::string> missingPrerequisite() {
         if (::geteuid() != 0) return "needs root to attach loop devices";
-        if (!fs::exists("/dev/loop-control")) return "no /dev/loop-control: this kernel or container has no loop devices";
+        if (!fs::exists("/dev/loop-control"))
+            return "no /dev/loop-control: this kernel or container has no loop devices";
         for (const char* tool : {"/usr/sbin/losetup", "/usr/sbin/sgdisk", "/usr/bin/partx", "/usr/sbin/mkfs.ext4",
                                  "/usr/sbin/mkfs.vfat"}) {
             if (::access(tool, X_OK) != 0) return std::string(tool) + " is not installed";
         }
-        auto outcome = runner_.runBlocking(ShellCommand{"/usr/sbin/losetup", {"-f"}, std::nullopt, std::chrono::seconds(10), nullptr});
+        auto outcome = runner_.runBlocking(
+            ShellCommand{"/usr/sbin/losetup", {"-f"}, std::nullopt, std::chrono::seconds(10), nullptr});
         if (!outcome || outcome->exitCode != 0) {
-            return "losetup -f can't find a free loop device: " + (outcome ? outcome->stderr : outcome.error().message());
+            return "losetup -f can't find a free loop device: " +
+                   (outcome ? outcome->stderr : outcome.error().message());
         }
         return std::nullopt;
     }
@@ -207,8 +212,8 @@ protected:
     // Two 16 MiB partitions: FAT (Microsoft basic data) and ext4 (Linux filesystem).
     fs::path gptImage(const std::string& name) {
         auto path = emptyImage(name, 48 * kMiB);
-        machine.run("/usr/sbin/sgdisk", {"-n", kFirstPartition, "-t", "1:0700", "-n", kSecondPartition, "-t", "2:8300",
-                                         path.string()});
+        machine.run("/usr/sbin/sgdisk",
+                    {"-n", kFirstPartition, "-t", "1:0700", "-n", kSecondPartition, "-t", "2:8300", path.string()});
         return path;
     }
 
@@ -371,14 +376,14 @@ TEST_F(ResolverOnLoopDevices, grownPartitionIsSuspicious) {
         ref = *bound;
     }
     // The same partition (same unique GUID), 8 MiB larger.
-    machine.run("/usr/sbin/sgdisk", {"-d", "2", "-n", kGrownSecondPartition, "-t", "2:8300", "-u", "2:" + guid,
-                                     image.string()});
+    machine.run("/usr/sbin/sgdisk",
+                {"-d", "2", "-n", kGrownSecondPartition, "-t", "2:8300", "-u", "2:" + guid, image.string()});
     LoopDevice loop(machine, image);
     ASSERT_TRUE(loop.attached());
     auto resolution = resolve(*ref);
     ASSERT_EQ(resolution.kind(), Resolution::Kind::suspicious) << resolution;
-    EXPECT_THAT(resolution.mismatches(),
-                ElementsAre(InvariantMismatch{"partitionSizeBytes", std::to_string(16 * kMiB), std::to_string(24 * kMiB)}));
+    EXPECT_THAT(resolution.mismatches(), ElementsAre(InvariantMismatch{"partitionSizeBytes", std::to_string(16 * kMiB),
+                                                                       std::to_string(24 * kMiB)}));
 }
 
 TEST_F(ResolverOnLoopDevices, unreadableDeviceMakesTheScanIncompleteNotMissing) {
@@ -394,9 +399,13 @@ TEST_F(ResolverOnLoopDevices, unreadableDeviceMakesTheScanIncompleteNotMissing) 
     }
     auto wholeImage = emptyImage("whole.img", 8 * kMiB);
     machine.run("/usr/sbin/mkfs.ext4", {"-q", "-F", wholeImage.string()});
-    auto wholeRef = VolumeRef{VolumeKey::wholeDiskVolume(Uuid::mint()), VolumeTarget::wholeFilesystem(),
-                              VolumeInvariants{8 * kMiB, PartitionMapType::wholeDisk, FilesystemFamily::other, std::nullopt},
-                              "Gone", std::nullopt, std::nullopt};
+    auto wholeRef =
+        VolumeRef{VolumeKey::wholeDiskVolume(Uuid::mint()),
+                  VolumeTarget::wholeFilesystem(),
+                  VolumeInvariants{8 * kMiB, PartitionMapType::wholeDisk, FilesystemFamily::other, std::nullopt},
+                  "Gone",
+                  std::nullopt,
+                  std::nullopt};
 
     LoopDevice other(machine, gptImage("other.img"));
     LoopDevice whole(machine, wholeImage);
@@ -407,7 +416,8 @@ TEST_F(ResolverOnLoopDevices, unreadableDeviceMakesTheScanIncompleteNotMissing) 
         LogCapture capture;
         auto partition = resolve(*partitionRef);
         ASSERT_EQ(partition.kind(), Resolution::Kind::unresolved) << partition;
-        EXPECT_EQ(*partition.reason(), UnresolvedReason::probeFailed(std::string(VolumeResolver::partitionScanIncomplete)));
+        EXPECT_EQ(*partition.reason(),
+                  UnresolvedReason::probeFailed(std::string(VolumeResolver::partitionScanIncomplete)));
         EXPECT_TRUE(capture.contains("couldn't read " + other.partition(1) + " while looking for partition"));
         auto disk = resolve(wholeRef);
         ASSERT_EQ(disk.kind(), Resolution::Kind::unresolved) << disk;

@@ -16,8 +16,8 @@
 #include "QLModel/VolumeResolver.h"
 #include "QLSupport/Clock.h"
 
-#include <asio.hpp>
 #include <gtest/gtest.h>
+#include <asio.hpp>
 
 #include <map>
 #include <memory>
@@ -86,32 +86,44 @@ class ResolverWorld {
 public:
     ResolverWorld() {
         auto& disks = probe->list.allDisksAndPartitions;
-        disks.push_back({"disk0", "GUID_partition_scheme",
+        disks.push_back({"disk0",
+                         "GUID_partition_scheme",
                          {{"disk0s1", kEFIType, 209'715'200, kEFI0, std::nullopt},
                           {"disk0s2", kAPFSType, kStoreSize, kStore0, std::nullopt}},
                          {},
                          {}});
-        disks.push_back({"disk3", std::nullopt, {},
+        disks.push_back({"disk3",
+                         std::nullopt,
+                         {},
                          {{"disk3s1", "Macintosh HD", 12'000'000'000, "/"},
                           {"disk3s5", "Data", 300'000'000'000, "/System/Volumes/Data"}},
                          {"disk0s2"}});
-        disks.push_back({"disk2", "GUID_partition_scheme",
+        disks.push_back({"disk2",
+                         "GUID_partition_scheme",
                          {{"disk2s1", kEFIType, 209'715'200, kEFI2, std::nullopt},
                           {"disk2s2", kHFSType, kArchiveSize, kArchivePartition, kArchiveVolume}},
                          {},
                          {}});
-        disks.push_back({"disk4", "FDisk_partition_scheme",
-                         {{"disk4s1", "DOS_FAT_32", kCameraSize, std::nullopt, kCameraVolume}}, {}, {}});
-        disks.push_back({"disk5", "Apple_partition_scheme",
+        disks.push_back({"disk4",
+                         "FDisk_partition_scheme",
+                         {{"disk4s1", "DOS_FAT_32", kCameraSize, std::nullopt, kCameraVolume}},
+                         {},
+                         {}});
+        disks.push_back({"disk5",
+                         "Apple_partition_scheme",
                          {{"disk5s1", "Apple_partition_map", 32'256, std::nullopt, std::nullopt},
                           {"disk5s2", "Apple_HFS", kAPMSize, std::nullopt, kAPMVolume}},
                          {},
                          {}});
         disks.push_back({"disk6", "Apple_HFS", {}, {}, {}});
         disks.push_back({"disk7", kAPFSSwappedType, {}, {}, {}});
-        disks.push_back({"disk8", std::nullopt, {}, {{"disk8s1", "Backup", 900'000'000'000, "/Volumes/Backup"}}, {"disk7"}});
-        disks.push_back({"disk9", "GUID_partition_scheme",
-                         {{"disk9s1", kHFSType, kImageVolumeSize, kImagePartition, kImageVolume}}, {}, {}});
+        disks.push_back(
+            {"disk8", std::nullopt, {}, {{"disk8s1", "Backup", 900'000'000'000, "/Volumes/Backup"}}, {"disk7"}});
+        disks.push_back({"disk9",
+                         "GUID_partition_scheme",
+                         {{"disk9s1", kHFSType, kImageVolumeSize, kImagePartition, kImageVolume}},
+                         {},
+                         {}});
 
         auto& infos = probe->infos;
         infos["disk0s1"] = partitionInfo("disk0s1", kEFIType, 209'715'200);
@@ -164,14 +176,19 @@ public:
         image.mountPoint = "/Volumes/Work";
         infos["disk9s1"] = image;
 
-        probe->containers.push_back(
-            {"disk3", kContainer1, {"disk0s2"},
-             {{"disk3s1", kSystemVolume, "Macintosh HD", {"System"}, kGroup, 12'000'000'000},
-              {"disk3s5", kDataVolume, "Data", {"Data"}, kGroup, 300'000'000'000}},
-             kStoreSize, 100'000'000'000});
-        probe->containers.push_back({"disk8", kContainer2, {"disk7"},
+        probe->containers.push_back({"disk3",
+                                     kContainer1,
+                                     {"disk0s2"},
+                                     {{"disk3s1", kSystemVolume, "Macintosh HD", {"System"}, kGroup, 12'000'000'000},
+                                      {"disk3s5", kDataVolume, "Data", {"Data"}, kGroup, 300'000'000'000}},
+                                     kStoreSize,
+                                     100'000'000'000});
+        probe->containers.push_back({"disk8",
+                                     kContainer2,
+                                     {"disk7"},
                                      {{"disk8s1", kBackupVolume, "Backup", {}, std::nullopt, 900'000'000'000}},
-                                     kWholeContainerSize, 1'100'000'000'000});
+                                     kWholeContainerSize,
+                                     1'100'000'000'000});
 
         serials->serials["disk2s2"] = HardwareSerial{"WD-123"};
         typeNames["/Volumes/Archive"] = "hfs";
@@ -274,7 +291,8 @@ inline VolumeRef cameraRef() {
                    {kCameraSize, PartitionMapType::mbr, FilesystemFamily::fat32, std::nullopt});
 }
 inline VolumeRef apmRef() {
-    return makeRef(VolumeKey::apmSlice(kAPMVolume), {kAPMSize, PartitionMapType::apm, FilesystemFamily::hfsPlus, std::nullopt});
+    return makeRef(VolumeKey::apmSlice(kAPMVolume),
+                   {kAPMSize, PartitionMapType::apm, FilesystemFamily::hfsPlus, std::nullopt});
 }
 inline VolumeRef imageRef() {
     return makeRef(VolumeKey::diskImage(DiskImageHost::localVolume(kArchiveVolume), "Images/Work.dmg", kImageGUID),

@@ -45,7 +45,7 @@ struct SearchCase {
     UnresolvedReason::Kind reason = UnresolvedReason::Kind::volumeMissing;
     std::string detail = {};
 
-void PrintTo(const SearchCase& c, std::ostream* out) { *out << c.name; }
+    void PrintTo(const SearchCase& c, std::ostream* out) { *out << c.name; }
 };
 
 class SearchExits : public ::testing::TestWithParam<SearchCase> {};
@@ -86,7 +86,8 @@ INSTANTIATE_TEST_SUITE_P(
         SearchCase{"gptLearnedByDescribing", archiveRef,
                    [](ResolverWorld& w) { partitionNamed(w, "disk2s2")->diskUUID.reset(); }, Resolution::Kind::ok,
                    "disk2s2"},
-        SearchCase{"gptAbsentOneUnreadable", [] { return withKey(archiveRef(), VolumeKey::gptPartitionGUID(kStranger)); },
+        SearchCase{"gptAbsentOneUnreadable",
+                   [] { return withKey(archiveRef(), VolumeKey::gptPartitionGUID(kStranger)); },
                    [](ResolverWorld& w) { w.probe->describeFailures.emplace("disk4s1", unreadable("disk4s1")); },
                    Resolution::Kind::unresolved, "", UnresolvedReason::Kind::probeFailed, kPartitionSentence},
         SearchCase{"gptFoundPastAnUnreadable", archiveRef,
@@ -102,7 +103,8 @@ INSTANTIATE_TEST_SUITE_P(
                    [](ResolverWorld& w) { w.probe->containersFailure = unreadable("apfs"); },
                    Resolution::Kind::unresolved, "", UnresolvedReason::Kind::probeFailed,
                    "APFS container topology not ready for disk0s2"},
-        SearchCase{"gptContainerNotListedYet", storeRef, [](ResolverWorld& w) { w.probe->containers.erase(w.probe->containers.begin()); },
+        SearchCase{"gptContainerNotListedYet", storeRef,
+                   [](ResolverWorld& w) { w.probe->containers.erase(w.probe->containers.begin()); },
                    Resolution::Kind::unresolved, "", UnresolvedReason::Kind::probeFailed,
                    "APFS container topology not ready for disk0s2"},
         // Whole-disk APFS containers.
@@ -118,8 +120,8 @@ INSTANTIATE_TEST_SUITE_P(
                    [](ResolverWorld& w) { w.probe->containers[0].containerUUID.reset(); }, Resolution::Kind::unresolved,
                    "", UnresolvedReason::Kind::probeFailed, kContainerSentence},
         SearchCase{"containerWithoutStore", wholeContainerRef,
-                   [](ResolverWorld& w) { w.probe->containers[1].physicalStores.clear(); }, Resolution::Kind::unresolved,
-                   "", UnresolvedReason::Kind::probeFailed, kContainerSentence},
+                   [](ResolverWorld& w) { w.probe->containers[1].physicalStores.clear(); },
+                   Resolution::Kind::unresolved, "", UnresolvedReason::Kind::probeFailed, kContainerSentence},
         SearchCase{"containerStoreUndescribable", wholeContainerRef,
                    [](ResolverWorld& w) { w.probe->describeFailures.emplace("disk7", unreadable("disk7")); },
                    Resolution::Kind::unresolved, "", UnresolvedReason::Kind::probeFailed, kContainerSentence},
@@ -137,13 +139,14 @@ INSTANTIATE_TEST_SUITE_P(
                    [](ResolverWorld& w) { w.probe->describeFailures.emplace("disk6", unreadable("disk6")); },
                    Resolution::Kind::unresolved, "", UnresolvedReason::Kind::probeFailed, kWholeDiskSentence},
         SearchCase{"wholeDiskOnlyWholeDisks", wholeVolumeRef,
-                   [](ResolverWorld& w) { w.probe->infos["disk6"].wholeDisk = false; }, Resolution::Kind::unresolved, "",
-                   UnresolvedReason::Kind::volumeMissing, ""},
-        SearchCase{"wholeDiskNotIfPartitioned", wholeVolumeRef,
-                   [](ResolverWorld& w) {
-                       diskNamed(w, "disk6")->partitions.push_back({"disk6s1", "Apple_HFS", 1, std::nullopt, std::nullopt});
-                   },
-                   Resolution::Kind::unresolved, "", UnresolvedReason::Kind::volumeMissing, ""},
+                   [](ResolverWorld& w) { w.probe->infos["disk6"].wholeDisk = false; }, Resolution::Kind::unresolved,
+                   "", UnresolvedReason::Kind::volumeMissing, ""},
+        SearchCase{
+            "wholeDiskNotIfPartitioned", wholeVolumeRef,
+            [](ResolverWorld& w) {
+                diskNamed(w, "disk6")->partitions.push_back({"disk6s1", "Apple_HFS", 1, std::nullopt, std::nullopt});
+            },
+            Resolution::Kind::unresolved, "", UnresolvedReason::Kind::volumeMissing, ""},
         // MBR and APM slices.
         SearchCase{"mbrFound", cameraRef, nullptr, Resolution::Kind::ok, "disk4s1"},
         SearchCase{"mbrAbsent", [] { return withKey(cameraRef(), VolumeKey::mbrSlice(kStranger)); }, nullptr,
@@ -175,7 +178,8 @@ TEST(VolumeResolver, missingCollaboratorsMakeKeysUnsupported) {
     noProbe.probe = nullptr;
     auto resolution = world.resolve(archiveRef(), noProbe);
     ASSERT_EQ(resolution.reason()->kind(), UnresolvedReason::Kind::unsupportedKey);
-    EXPECT_EQ(resolution.reason()->detail(), "gptPartitionGUID keys can't be resolved here: this resolver has no disk probe");
+    EXPECT_EQ(resolution.reason()->detail(),
+              "gptPartitionGUID keys can't be resolved here: this resolver has no disk probe");
 
     auto noSerials = world.environment();
     noSerials.serialProbe = nullptr;
@@ -224,80 +228,101 @@ INSTANTIATE_TEST_SUITE_P(
     Resolver, InvariantChecks,
     ::testing::Values(
         MismatchCase{"allHold", archiveRef, nullptr, {}},
-        MismatchCase{"sizeGrew", archiveRef,
+        MismatchCase{"sizeGrew",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.partitionSizeBytes = 999'000'000'000ULL; },
                      {{"partitionSizeBytes", "999000000000", "1000000000000"}}},
-        MismatchCase{"familyChanged", archiveRef,
+        MismatchCase{"familyChanged",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.filesystemFamily = FilesystemFamily::exfat; },
                      {{"filesystemFamily", "exfat", "hfsPlus"}}},
-        MismatchCase{"hfsRecordedApfsLive", storeRef,
+        MismatchCase{"hfsRecordedApfsLive",
+                     storeRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.filesystemFamily = FilesystemFamily::hfsPlus; },
                      {{"filesystemFamily", "hfsPlus", "apfsContainer"}}},
-        MismatchCase{"otherToleratesFat32", cameraRef,
-                     [](VolumeRef& r, ResolverWorld&) { r.invariants.filesystemFamily = FilesystemFamily::other; }, {}},
-        MismatchCase{"otherToleratesExfat", cameraRef,
+        MismatchCase{"otherToleratesFat32",
+                     cameraRef,
+                     [](VolumeRef& r, ResolverWorld&) { r.invariants.filesystemFamily = FilesystemFamily::other; },
+                     {}},
+        MismatchCase{"otherToleratesExfat",
+                     cameraRef,
                      [](VolumeRef& r, ResolverWorld& w) {
                          r.invariants.filesystemFamily = FilesystemFamily::other;
                          w.typeNames["/Volumes/CAMERA"] = "exfat";
                      },
                      {}},
-        MismatchCase{"otherToleratesNtfs", cameraRef,
+        MismatchCase{"otherToleratesNtfs",
+                     cameraRef,
                      [](VolumeRef& r, ResolverWorld& w) {
                          r.invariants.filesystemFamily = FilesystemFamily::other;
                          w.typeNames["/Volumes/CAMERA"] = "ntfs";
                      },
                      {}},
-        MismatchCase{"otherToleratesOther", cameraRef,
+        MismatchCase{"otherToleratesOther",
+                     cameraRef,
                      [](VolumeRef& r, ResolverWorld& w) {
                          r.invariants.filesystemFamily = FilesystemFamily::other;
                          w.typeNames["/Volumes/CAMERA"] = "ext4";
                      },
                      {}},
-        MismatchCase{"otherDoesNotTolerateHfs", archiveRef,
+        MismatchCase{"otherDoesNotTolerateHfs",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.filesystemFamily = FilesystemFamily::other; },
                      {{"filesystemFamily", "other", "hfsPlus"}}},
-        MismatchCase{"fat32DoesNotTolerateExfat", cameraRef,
+        MismatchCase{"fat32DoesNotTolerateExfat",
+                     cameraRef,
                      [](VolumeRef&, ResolverWorld& w) { w.typeNames["/Volumes/CAMERA"] = "exfat"; },
                      {{"filesystemFamily", "fat32", "exfat"}}},
-        MismatchCase{"containerUUIDDiffers", wholeContainerRef,
-                     [](VolumeRef&, ResolverWorld& w) {
-                         // Another container now claims the same whole disk as its store.
-                         w.probe->containers.insert(w.probe->containers.begin(),
-                                                    {"disk10", kStranger, {"disk7"}, {}, 1, 1});
-                     },
-                     {{"containerUUID", kContainer2.text(), kStranger.text()}}},
-        MismatchCase{"mapTypeChanged", archiveRef,
+        MismatchCase{
+            "containerUUIDDiffers",
+            wholeContainerRef,
+            [](VolumeRef&, ResolverWorld& w) {
+                // Another container now claims the same whole disk as its store.
+                w.probe->containers.insert(w.probe->containers.begin(), {"disk10", kStranger, {"disk7"}, {}, 1, 1});
+            },
+            {{"containerUUID", kContainer2.text(), kStranger.text()}}},
+        MismatchCase{"mapTypeChanged",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.partitionMapType = PartitionMapType::mbr; },
                      {{"partitionMapType", "mbr", "gpt"}}},
-        MismatchCase{"mbrSliceMapType", cameraRef,
+        MismatchCase{"mbrSliceMapType",
+                     cameraRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.partitionMapType = PartitionMapType::gpt; },
                      {{"partitionMapType", "gpt", "mbr"}}},
-        MismatchCase{"wholeDiskMapType", wholeVolumeRef,
+        MismatchCase{"wholeDiskMapType",
+                     wholeVolumeRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.partitionMapType = PartitionMapType::gpt; },
                      {{"partitionMapType", "gpt", "wholeDisk"}}},
-        MismatchCase{"serialStartsReporting", archiveRef,
+        MismatchCase{"serialStartsReporting",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.hardwareSerial.reset(); },
                      {{"hardwareSerial", "<none>", "WD-123"}}},
-        MismatchCase{"serialDiffers", archiveRef,
+        MismatchCase{"serialDiffers",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.hardwareSerial = HardwareSerial{"WD-999"}; },
                      {{"hardwareSerial", "WD-999", "WD-123"}}},
         MismatchCase{"serialUnreadableNothingRecorded", cameraRef, nullptr, {}},
-        MismatchCase{"serialStaysUnreadable", archiveRef,
+        MismatchCase{"serialStaysUnreadable",
+                     archiveRef,
                      [](VolumeRef&, ResolverWorld& w) { w.serials->serials.clear(); },
                      {{"hardwareSerialUnreadable", "WD-123", "<none>"}}},
-        MismatchCase{"randomSerialOnGPTNotCompared", archiveRef,
+        MismatchCase{"randomSerialOnGPTNotCompared",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.hardwareSerial = HardwareSerial{"random__5F2A"}; },
                      {}},
-        MismatchCase{"randomSerialOnContainerNotCompared", wholeContainerRef,
+        MismatchCase{"randomSerialOnContainerNotCompared",
+                     wholeContainerRef,
                      [](VolumeRef& r, ResolverWorld&) { r.invariants.hardwareSerial = HardwareSerial{"random__5F2A"}; },
                      {}},
-        MismatchCase{"randomSerialOnSliceCompared", cameraRef,
+        MismatchCase{"randomSerialOnSliceCompared",
+                     cameraRef,
                      [](VolumeRef& r, ResolverWorld& w) {
                          r.invariants.hardwareSerial = HardwareSerial{"random__5F2A"};
                          w.serials->serials["disk4s1"] = HardwareSerial{"SD-77"};
                      },
                      {{"hardwareSerial", "random__5F2A", "SD-77"}}},
-        MismatchCase{"everythingInOrder", archiveRef,
+        MismatchCase{"everythingInOrder",
+                     archiveRef,
                      [](VolumeRef& r, ResolverWorld&) {
                          r.invariants = {1, PartitionMapType::apm, FilesystemFamily::ntfs, HardwareSerial{"X"}};
                      },
@@ -316,9 +341,10 @@ TEST(VolumeResolver, randomSerialIsExplainedNotCompared) {
         LogCapture capture;
         EXPECT_TRUE(world.resolve(ref).isOk());
         std::string live = readable ? "WD-123" : "<unreadable>";
-        EXPECT_THAT(capture.lines(),
-                    ::testing::Contains("[serialProbe] disk2s2: stored serial is self-declared non-durable (random__5F2A → " +
-                                        live + ") key=gptPartitionGUID family=hfsPlus — not compared"));
+        EXPECT_THAT(
+            capture.lines(),
+            ::testing::Contains("[serialProbe] disk2s2: stored serial is self-declared non-durable (random__5F2A → " +
+                                live + ") key=gptPartitionGUID family=hfsPlus — not compared"));
     }
 }
 
@@ -352,7 +378,8 @@ TEST_P(SerialRetries, readAgainOnlyAsConfigured) {
     // Every retry waited its two seconds of virtual time first.
     EXPECT_GE(world.time->monotonicNow() - start, std::chrono::seconds(2) * (c.expectedCalls - 1));
     if (c.expectUnreadable) {
-        EXPECT_THAT(resolution.mismatches(), ElementsAre(InvariantMismatch{"hardwareSerialUnreadable", "WD-123", "<none>"}));
+        EXPECT_THAT(resolution.mismatches(),
+                    ElementsAre(InvariantMismatch{"hardwareSerialUnreadable", "WD-123", "<none>"}));
     } else if (c.recorded) {
         EXPECT_TRUE(resolution.isOk()) << resolution;
     }
@@ -392,9 +419,9 @@ TEST(VolumeResolver, plainVolumeState) {
     EXPECT_EQ(state.physicalStoreCount, 1);
     EXPECT_FALSE(state.containerState);
     ASSERT_TRUE(state.standaloneVolume);
-    EXPECT_EQ(*state.standaloneVolume, (PlainVolumeState{"disk2s2", "Archive", kArchiveVolume, "/Volumes/Archive",
-                                                         400'000'000'000ULL, kArchiveSize, 600'000'000'000ULL,
-                                                         FilesystemFamily::hfsPlus}));
+    EXPECT_EQ(*state.standaloneVolume,
+              (PlainVolumeState{"disk2s2", "Archive", kArchiveVolume, "/Volumes/Archive", 400'000'000'000ULL,
+                                kArchiveSize, 600'000'000'000ULL, FilesystemFamily::hfsPlus}));
     EXPECT_FALSE(state.hostBSDDevice);
 }
 
@@ -418,9 +445,9 @@ TEST(VolumeResolver, containerState) {
     ASSERT_EQ(container.allVolumes.size(), 2u);
     EXPECT_EQ(container.allVolumes[0].role, APFSVolumeRole::system());
     EXPECT_EQ(container.allVolumes[0].mountPoint, "/");
-    EXPECT_EQ(container.allVolumes[1], (APFSVolumeState{"disk3s5", kDataVolume, "Data", APFSVolumeRole::data(),
-                                                        "/System/Volumes/Data", 300'000'000'000ULL, kStoreSize,
-                                                        100'000'000'000ULL, FilesystemFamily::apfs, kGroup}));
+    EXPECT_EQ(container.allVolumes[1],
+              (APFSVolumeState{"disk3s5", kDataVolume, "Data", APFSVolumeRole::data(), "/System/Volumes/Data",
+                               300'000'000'000ULL, kStoreSize, 100'000'000'000ULL, FilesystemFamily::apfs, kGroup}));
 }
 
 TEST(VolumeResolver, wholeDiskContainerStateCountsStores) {
@@ -453,7 +480,7 @@ struct ImageCase {
     UnresolvedReason expectedReason = UnresolvedReason::volumeMissing();
     std::vector<InvariantMismatch> mismatches = {};
 
-void PrintTo(const ImageCase& c, std::ostream* out) { *out << c.name; }
+    void PrintTo(const ImageCase& c, std::ostream* out) { *out << c.name; }
 };
 
 class DiskImageSearch : public ::testing::TestWithParam<ImageCase> {};
@@ -610,22 +637,32 @@ INSTANTIATE_TEST_SUITE_P(
     Resolver, ShareSearch,
     ::testing::Values(
         ShareCase{"same", "smb://nas.local/Backups", {kNasMount}, {}, false, "/Volumes/Backups"},
-        ShareCase{"hostCaseUserPortSlash", "smb://Alice@NAS.Local:445/Backups/", {kNasMount}, {}, false,
-                  "/Volumes/Backups"},
+        ShareCase{
+            "hostCaseUserPortSlash", "smb://Alice@NAS.Local:445/Backups/", {kNasMount}, {}, false, "/Volumes/Backups"},
         ShareCase{"cifsIsSmb", "cifs://nas.local/Backups", {kNasMount}, {}, false, "/Volumes/Backups"},
-        ShareCase{"percentEncoding", "smb://nas.local/My%20Backups",
-                  {{"/Volumes/My Backups", "smb://nas.local/My Backups", std::nullopt}}, {}, false,
+        ShareCase{"percentEncoding",
+                  "smb://nas.local/My%20Backups",
+                  {{"/Volumes/My Backups", "smb://nas.local/My Backups", std::nullopt}},
+                  {},
+                  false,
                   "/Volumes/My Backups"},
         ShareCase{"shareNameIsCaseSensitive", "smb://nas.local/backups", {kNasMount}, {}, false, std::nullopt},
         ShareCase{"otherShare", "smb://nas.local/Media", {kNasMount}, {}, false, std::nullopt},
         ShareCase{"otherScheme", "afp://nas.local/Backups", {kNasMount}, {}, false, std::nullopt},
         ShareCase{"otherPort", "smb://nas.local:1445/Backups", {kNasMount}, {}, false, std::nullopt},
-        ShareCase{"firstMountWins", "smb://nas.local/Backups",
-                  {{"/Volumes/Backups-1", "smb://nas.local/Backups", std::nullopt}, kNasMount}, {}, false,
+        ShareCase{"firstMountWins",
+                  "smb://nas.local/Backups",
+                  {{"/Volumes/Backups-1", "smb://nas.local/Backups", std::nullopt}, kNasMount},
+                  {},
+                  false,
                   "/Volumes/Backups-1"},
         ShareCase{"otherHost", "smb://192.168.1.10/Backups", {kNasMount}, {}, false, std::nullopt},
-        ShareCase{"verifiedAlias", "smb://192.168.1.10/Backups", {kNasMount},
-                  {VolumeResolverEnvironment::hostAliasPair("NAS.local", "192.168.1.10")}, false, "/Volumes/Backups"},
+        ShareCase{"verifiedAlias",
+                  "smb://192.168.1.10/Backups",
+                  {kNasMount},
+                  {VolumeResolverEnvironment::hostAliasPair("NAS.local", "192.168.1.10")},
+                  false,
+                  "/Volumes/Backups"},
         ShareCase{"equivalentHosts", "smb://192.168.1.10/Backups", {kNasMount}, {}, true, "/Volumes/Backups"},
         ShareCase{"nothingMounted", "smb://nas.local/Backups", {}, {}, true, std::nullopt}),
     [](const auto& info) { return std::string(info.param.name); });
@@ -655,7 +692,7 @@ struct BindCase {
     std::optional<VolumeRef> expected;
     std::string error = {};
 
-void PrintTo(const BindCase& c, std::ostream* out) { *out << c.name; }
+    void PrintTo(const BindCase& c, std::ostream* out) { *out << c.name; }
 };
 
 class Binding : public ::testing::TestWithParam<BindCase> {};
@@ -679,8 +716,8 @@ TEST_P(Binding, buildsTheKeyOrRefuses) {
 
 VolumeRef bound(VolumeKey key, VolumeInvariants invariants, std::string name,
                 VolumeTarget target = VolumeTarget::wholeFilesystem()) {
-    return VolumeRef{std::move(key), std::move(target), std::move(invariants), std::move(name), std::nullopt,
-                     std::nullopt};
+    return VolumeRef{std::move(key),  std::move(target), std::move(invariants),
+                     std::move(name), std::nullopt,      std::nullopt};
 }
 
 constexpr auto kRefuse = ImageBackedDevicePolicy::refuse;
@@ -701,14 +738,16 @@ INSTANTIATE_TEST_SUITE_P(
                  bound(VolumeKey::gptPartitionGUID(kStore0),
                        {kStoreSize, PartitionMapType::gpt, FilesystemFamily::apfsContainer, std::nullopt}, "Data",
                        VolumeTarget::apfsVolumeByRole(APFSVolumeRole::data()))},
-        BindCase{"apfsVolumeOnWholeDiskContainer", "disk8s1", kRefuse, true, nullptr,
-                 bound(VolumeKey::wholeDiskAPFSContainer(kContainer2),
-                       {kWholeContainerSize, PartitionMapType::wholeDisk, FilesystemFamily::apfsContainer, std::nullopt},
-                       "Backup")},
-        BindCase{"wholeDiskContainer", "disk7", kRefuse, true, nullptr,
-                 bound(VolumeKey::wholeDiskAPFSContainer(kContainer2),
-                       {kWholeContainerSize, PartitionMapType::wholeDisk, FilesystemFamily::apfsContainer, std::nullopt},
-                       "disk7", VolumeTarget::apfsVolumeGroup())},
+        BindCase{
+            "apfsVolumeOnWholeDiskContainer", "disk8s1", kRefuse, true, nullptr,
+            bound(VolumeKey::wholeDiskAPFSContainer(kContainer2),
+                  {kWholeContainerSize, PartitionMapType::wholeDisk, FilesystemFamily::apfsContainer, std::nullopt},
+                  "Backup")},
+        BindCase{
+            "wholeDiskContainer", "disk7", kRefuse, true, nullptr,
+            bound(VolumeKey::wholeDiskAPFSContainer(kContainer2),
+                  {kWholeContainerSize, PartitionMapType::wholeDisk, FilesystemFamily::apfsContainer, std::nullopt},
+                  "disk7", VolumeTarget::apfsVolumeGroup())},
         BindCase{"apfsVolumeWalkFails", "disk3s5", kRefuse, false,
                  [](ResolverWorld& w) {
                      w.probe->infos["disk3s5"].apfsContainerReference = "disk30";
