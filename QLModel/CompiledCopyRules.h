@@ -40,12 +40,14 @@ class CopyRuleSet;
 //         switch (walker.disposition(c)) { copy / skip / optional }
 //         if (auto keep = walker.preserveKind(c)) { ... destination side ... }
 //         if (isDirectory) remember c for the directory's own entries;
-//         if (walker.isSettled(c)) the whole subtree below shares c's answers: a skipped,
-//             settled folder need not be walked at all, a copied one needs no further lookups.
+//         if (walker.isSettled(c)) the whole subtree below shares c's answers;
+//         if (skipped && !walker.mayCopyBelow(c)) the folder need not be walked at all;
+//         if (!walker.mayPreserveBelow(c)) nothing below is kept on the destination.
 //     }
 //
-// A skipped folder that is not settled may still hold items a deeper directive copies
-// ("exclude Users" then "copy Users/ann"), so the walk must descend into it.
+// A skipped folder may still hold items a deeper directive copies ("exclude Users" then
+// "copy Users/ann"); `mayCopyBelow` says when the walk must descend into it anyway. Rules do not
+// distinguish files from folders, so `child` needs only the name.
 //
 // Threads. `CompiledCopyRules` is immutable and may be shared. A `CopyRuleWalker` caches the
 // automaton states it meets and is not thread-safe: give each thread its own. A cursor is only
