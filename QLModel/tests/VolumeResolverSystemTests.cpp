@@ -10,6 +10,8 @@
 #include "QLSupport/Log.h"
 #include "QLSupport/ShellRunner.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -67,6 +69,12 @@ public:
         return outcome->stdout;
     }
 
+    // Whether a tool succeeds, for steps that may fail without failing the test.
+    bool succeeds(const std::string& executable, std::vector<std::string> arguments) {
+        auto outcome = runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
+        return outcome && outcome->exitCode == 0;
+    }
+
     // For clean-up: failures are only reported.
     void tryRun(const std::string& executable, std::vector<std::string> arguments) {
         auto outcome =
@@ -112,6 +120,11 @@ public:
         if (!attached) return;
         device_ = fs::path(trimmed(*attached)).filename().string();
         waitForPartitions();
+    }
+    // Attached at a given device, if that device is free (not attached otherwise).
+    LoopDevice(Machine& machine, fs::path image, const std::string& device)
+        : machine_(machine), image_(std::move(image)) {
+        if (machine_.succeeds("/usr/sbin/losetup", {"/dev/" + device, image_.string()})) device_ = device;
     }
     ~LoopDevice() { detach(); }
     LoopDevice(const LoopDevice&) = delete;
@@ -193,6 +206,10 @@ class ResolverOnLoopDevices : public ::testing::Test {
 protected:
     void SetUp() override {
         if (auto missing = machine.missingPrerequisite()) GTEST_SKIP() << *missing;
+        // One of these tests at a time: each changes what the others' scans see (attaching,
+        // detaching, hiding device nodes).
+        lock = ::open("/tmp/quillo-loop-device-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (lock >= 0) ::flock(lock, LOCK_EX);
         folder = fs::temp_directory_path() / ("ql-resolver-" + std::to_string(::getpid()) + "-" +
                                               ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(folder);
@@ -200,6 +217,9 @@ protected:
     }
     void TearDown() override {
         if (!folder.empty()) fs::remove_all(folder);
+    }
+    ~ResolverOnLoopDevices() override {
+        if (lock >= 0) ::close(lock);  // after every loop device of the test is gone
     }
 
     fs::path emptyImage(const std::string& name, std::uint64_t size) {
@@ -265,6 +285,7 @@ protected:
     asio::io_context io;
     Machine machine;
     fs::path folder;
+    int lock = -1;
 };
 
 TEST_F(ResolverOnLoopDevices, partitionIsFoundAgainUnderAnotherLoopDevice) {
@@ -326,14 +347,19 @@ TEST_F(ResolverOnLoopDevices, partitionIsFoundAgainUnderAnotherLoopDevice) {
     ASSERT_TRUE(missing.reason());
     EXPECT_EQ(*missing.reason(), UnresolvedReason::volumeMissing());
 
-    // Attached again under another number (a placeholder takes the first free one).
-    LoopDevice placeholder(machine, emptyImage("placeholder.img", kMiB));
-    LoopDevice again(machine, image);
-    ASSERT_TRUE(again.attached());
-    ASSERT_NE(again.name(), firstDevice);
+    // Attached again under another number: a placeholder holds the old one (or someone else does).
+    LoopDevice placeholder(machine, emptyImage("placeholder.img", kMiB), firstDevice);
+    std::unique_ptr<LoopDevice> again;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        again = std::make_unique<LoopDevice>(machine, image);
+        if (!again->attached() || again->name() != firstDevice) break;
+        again.reset();
+    }
+    ASSERT_TRUE(again && again->attached());
+    ASSERT_NE(again->name(), firstDevice);
     auto found = resolve(*ref);
     ASSERT_TRUE(found.isOk()) << found;
-    EXPECT_EQ(found.state()->bsdDevice, again.partition(2));
+    EXPECT_EQ(found.state()->bsdDevice, again->partition(2));
     EXPECT_EQ(found.state()->partitionGUID, Uuid::parse(partitionGUID).value());
 }
 
