@@ -1,0 +1,55 @@
+#pragma once
+
+#include "QLProtocol/proto/services.pb.h"
+#include "QLProtocol/transport/ServiceClient.h"
+#include "QLProtocol/transport/ServiceMethod.h"
+#include "QLProtocol/transport/ServiceServer.h"
+
+#include <string_view>
+
+namespace ql {
+
+// ql4.transport.v1.SourceService: Volumes and their snapshots, and browsing a source.
+//
+// The provider interface: override the methods this server offers (see ServiceMethod.h for the
+// contract); the others answer "/ql4.transport.v1.SourceService/<Method> is not available on this
+// server". This class itself is the provider of a server that offers none of them.
+class SourceServiceProvider {
+public:
+    virtual ~SourceServiceProvider() = default;
+
+    virtual UnaryResult<wire::ListVolumesResponse> listVolumes(wire::ListVolumesRequest) { return notAvailable; }
+    virtual StreamResult<wire::VolumeEvent> watchVolumes(wire::WatchVolumesRequest) { return notAvailable; }
+    virtual UnaryResult<wire::GetVolumeInfoResponse> getVolumeInfo(wire::GetVolumeInfoRequest) { return notAvailable; }
+    virtual UnaryResult<wire::GetCurrentEventIdResponse> getCurrentEventId(wire::GetCurrentEventIdRequest) { return notAvailable; }
+    virtual UnaryResult<wire::CreateSnapshotResponse> createSnapshot(wire::CreateSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::MountSnapshotResponse> mountSnapshot(wire::MountSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::UnmountSnapshotResponse> unmountSnapshot(wire::UnmountSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::DeleteLocalSnapshotResponse> deleteLocalSnapshot(wire::DeleteLocalSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::EnumerateDirectoryResponse> enumerateDirectory(wire::EnumerateDirectoryRequest) { return notAvailable; }
+    virtual UnaryResult<wire::StatPathResponse> statPath(wire::StatPathRequest) { return notAvailable; }
+};
+
+// The method table: one line per method.
+struct SourceService {
+    using Provider = SourceServiceProvider;
+    static constexpr std::string_view fullName = "ql4.transport.v1.SourceService";
+    using Methods = MethodTable<
+        Method<"ListVolumes", &Provider::listVolumes>,
+        Method<"WatchVolumes", &Provider::watchVolumes>,
+        Method<"GetVolumeInfo", &Provider::getVolumeInfo>,
+        Method<"GetCurrentEventId", &Provider::getCurrentEventId>,
+        Method<"CreateSnapshot", &Provider::createSnapshot>,
+        Method<"MountSnapshot", &Provider::mountSnapshot>,
+        Method<"UnmountSnapshot", &Provider::unmountSnapshot>,
+        Method<"DeleteLocalSnapshot", &Provider::deleteLocalSnapshot>,
+        Method<"EnumerateDirectory", &Provider::enumerateDirectory>,
+        Method<"StatPath", &Provider::statPath>>;
+};
+
+using SourceServiceClient = ServiceClient<SourceService>;
+using SourceServiceServer = ServiceServer<SourceService>;
+
+extern template class ServiceServer<SourceService>;
+
+}  // namespace ql

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "QLProtocol/proto/services.pb.h"
+#include "QLProtocol/transport/ServiceClient.h"
+#include "QLProtocol/transport/ServiceMethod.h"
+#include "QLProtocol/transport/ServiceServer.h"
+
+#include <string_view>
+
+namespace ql {
+
+// ql4.transport.v1.SystemService: Ping, shutdown and diagnostics of the server process.
+//
+// The provider interface: override the methods this server offers (see ServiceMethod.h for the
+// contract); the others answer "/ql4.transport.v1.SystemService/<Method> is not available on this
+// server". This class itself is the provider of a server that offers none of them.
+class SystemServiceProvider {
+public:
+    virtual ~SystemServiceProvider() = default;
+
+    virtual UnaryResult<wire::PingResponse> ping(wire::PingRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ShutdownResponse> shutdown(wire::ShutdownRequest) { return notAvailable; }
+    virtual UnaryResult<wire::CollectGeneralDiagnosticResponse> collectGeneralDiagnostic(wire::CollectGeneralDiagnosticRequest) { return notAvailable; }
+};
+
+// The method table: one line per method.
+struct SystemService {
+    using Provider = SystemServiceProvider;
+    static constexpr std::string_view fullName = "ql4.transport.v1.SystemService";
+    using Methods = MethodTable<
+        Method<"Ping", &Provider::ping>,
+        Method<"Shutdown", &Provider::shutdown>,
+        Method<"CollectGeneralDiagnostic", &Provider::collectGeneralDiagnostic>>;
+};
+
+using SystemServiceClient = ServiceClient<SystemService>;
+using SystemServiceServer = ServiceServer<SystemService>;
+
+extern template class ServiceServer<SystemService>;
+
+}  // namespace ql
