@@ -186,6 +186,13 @@ int Engine::run() {
     }
     const SelectionRules& rules = **loaded;
 
+    // Things worth telling once the stream has begun.
+    std::vector<Json> notes;
+    auto note = [&](const char* kind, std::string message) {
+        Log::line("Engine", message);
+        notes.push_back(Json{{"type", "info"}, {"kind", kind}, {"message", std::move(message)}});
+    };
+
     // The source root (inside the snapshot when there is one).
     const std::string sourceGiven = trimTrailingSlashes(options_.source);
     std::string sourceRead = sourceGiven;
@@ -197,8 +204,8 @@ int Engine::run() {
                                   sourceGiven, "realpath", "src", ENOENT));
         }
         sourceRead = *inSnapshot;
-        Log::f("Engine", "src is a snapshot: reading {} from {} (mounted at {})", sourceGiven, sourceRead,
-               *options_.snapshotMount);
+        note("snapshot", fmt::format("src is a snapshot: reading {} from {} (mounted at {})", sourceGiven, sourceRead,
+                                     *options_.snapshotMount));
     }
     UniqueFd srcRoot(::open(sourceRead.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!srcRoot.valid()) {
@@ -252,7 +259,7 @@ int Engine::run() {
                                               ErrnoText::describe(e)),
                                   destination, "mkdir", "dst", e));
         }
-        Log::f("Engine", "created the destination folder {}", destination);
+        note("destination_created", fmt::format("created the destination folder {}", destination));
     }
     UniqueFd dstRoot;
     EntryInfo dstRootInfo;
@@ -285,6 +292,7 @@ int Engine::run() {
     events.emit(Json{{"type", "phase_started"}, {"phase", "copyFiles"}});
     events.emit(Json{{"type", "scan_mode"}, {"mode", "full"}, {"reason", reason}});
     Log::f("Engine", "scan mode full ({})", reason);
+    for (auto& n : notes) events.emit(std::move(n));
 
     // Everything the run's threads share.
     const int workers = options_.workers > 0 ? options_.workers : automaticWorkers();

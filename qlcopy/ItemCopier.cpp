@@ -70,14 +70,19 @@ bool ItemCopier::renameIntoPlace(const ItemJob& job, const std::string& tmp, con
 }
 
 ItemCopier::Placed ItemCopier::copyFile(const ItemJob& job) {
-    SlotActivity activity(ctx_, slot_, ActivityBoard::Kind::copy, job.rel);
-    InFlight inFlight(ctx_.counters.copiesInFlight);
-    const char* name = baseName(job.rel);
     std::int64_t workDone = 0;
     auto settleWork = [&](std::int64_t total) {
         if (total > workDone) ctx_.counters.workDoneBytes += total - workDone;
         workDone = total;
     };
+    // Copies still queued when the run stops are dropped without touching anything.
+    if (ctx_.stop.stopping()) {
+        settleWork(job.source.size);
+        return {};
+    }
+    SlotActivity activity(ctx_, slot_, ActivityBoard::Kind::copy, job.rel);
+    InFlight inFlight(ctx_.counters.copiesInFlight);
+    const char* name = baseName(job.rel);
 
     // Non-blocking, so a file replaced by a FIFO since the listing cannot hang the copy.
     int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
