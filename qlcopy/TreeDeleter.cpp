@@ -37,6 +37,7 @@ void TreeDeleter::failure(const std::string& rel, int error, const char* syscall
 }
 
 bool TreeDeleter::unlinkOne(int dirFd, const EntryInfo& entry, const std::string& rel) {
+    ctx_.board.progress(0, ctx_.clock.now());
     ctx_.items.dest(rel, "delete", false, "not-in-source");
     if (!ctx_.dryRun) {
         if (::unlinkat(dirFd, entry.name.c_str(), 0) != 0) {

@@ -5,6 +5,7 @@
 #include "qlcopy/DirRetimeJournal.h"
 #include "qlcopy/DirectoryLister.h"
 #include "qlcopy/EventWriter.h"
+#include "qlcopy/SignalWatcher.h"
 #include "qlcopy/SnapshotSource.h"
 #include "qlcopy/StateFile.h"
 #include "qlcopy/UniqueFd.h"
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -249,6 +251,35 @@ TEST(EventWriter, WholeLinesFromManyThreadsAndOneTerminal) {
     }
     EXPECT_EQ(count, 802);
     EXPECT_EQ(last, "summary");
+}
+
+TEST(SignalWatcher, StopsInOrderOrEndsWhenTheGraceRunsOut) {
+    SignalWatcher::prepareProcess();
+    std::atomic<int> stops{0}, emergencies{0}, lastSignal{0};
+    {
+        SignalWatcher w([&](int sig) { ++stops; lastSignal = sig; }, [&](int) { ++emergencies; },
+                        std::chrono::milliseconds(300));
+        ::kill(::getpid(), SIGTERM);
+        for (int i = 0; i < 100 && stops == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_EQ(stops, 1);
+        EXPECT_EQ(lastSignal, SIGTERM);
+        w.finished();  // in time: no emergency
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        EXPECT_EQ(emergencies, 0);
+    }
+    {
+        SignalWatcher w([&](int) { ++stops; }, [&](int) { ++emergencies; }, std::chrono::milliseconds(200));
+        ::kill(::getpid(), SIGINT);
+        for (int i = 0; i < 200 && emergencies == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_EQ(stops, 2);
+        EXPECT_EQ(emergencies, 1) << "a run that does not finish within the grace is ended";
+    }
+    const auto before = SignalWatcher::continuedCount();
+    ::kill(::getpid(), SIGCONT);
+    for (int i = 0; i < 100 && SignalWatcher::continuedCount() == before; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(SignalWatcher::continuedCount(), before + 1);
 }
 
 }  // namespace
