@@ -9,12 +9,12 @@
 
 namespace ql {
 
-// ql4.transport.v1.CopyService: Runs, previews, run control, disk-image destinations and the hand-shakes of a run with
-// the user session. Implemented on the server by the runner dispatch and the job manager.
+// ql4.transport.v1.CopyService: runs, previews, run control, disk-image destinations and the
+// hand-shakes of a run with the user session.
 //
 // The provider interface: override the methods this server offers (see ServiceMethod.h for the
-// contract); the others answer "/ql4.transport.v1.CopyService/<Method> is not available on this
-// server". This class itself is the provider of a server that offers none of them.
+// contract); every other method answers "/ql4.transport.v1.CopyService/<Method> is not
+// available on this server", so this class itself is the provider of a server that offers none.
 class CopyServiceProvider {
 public:
     virtual ~CopyServiceProvider() = default;

@@ -9,11 +9,12 @@
 
 namespace ql {
 
-// ql4.transport.v1.DestinationService: Destination preparation: erasing, ownership and the cryptex copy of a bootable copy.
+// ql4.transport.v1.DestinationService: destination preparation: erasing, ownership and the cryptex
+// copy of a bootable copy.
 //
 // The provider interface: override the methods this server offers (see ServiceMethod.h for the
-// contract); the others answer "/ql4.transport.v1.DestinationService/<Method> is not available on this
-// server". This class itself is the provider of a server that offers none of them.
+// contract); every other method answers "/ql4.transport.v1.DestinationService/<Method> is not
+// available on this server", so this class itself is the provider of a server that offers none.
 class DestinationServiceProvider {
 public:
     virtual ~DestinationServiceProvider() = default;

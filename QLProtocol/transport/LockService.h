@@ -9,11 +9,11 @@
 
 namespace ql {
 
-// ql4.transport.v1.LockService: The copy lock and copy authorisation.
+// ql4.transport.v1.LockService: the copy lock and copy authorisation.
 //
 // The provider interface: override the methods this server offers (see ServiceMethod.h for the
-// contract); the others answer "/ql4.transport.v1.LockService/<Method> is not available on this
-// server". This class itself is the provider of a server that offers none of them.
+// contract); every other method answers "/ql4.transport.v1.LockService/<Method> is not
+// available on this server", so this class itself is the provider of a server that offers none.
 class LockServiceProvider {
 public:
     virtual ~LockServiceProvider() = default;

@@ -9,11 +9,11 @@
 
 namespace ql {
 
-// ql4.transport.v1.SourceService: Volumes and their snapshots, and browsing a source.
+// ql4.transport.v1.SourceService: volumes and their snapshots, and browsing a source.
 //
 // The provider interface: override the methods this server offers (see ServiceMethod.h for the
-// contract); the others answer "/ql4.transport.v1.SourceService/<Method> is not available on this
-// server". This class itself is the provider of a server that offers none of them.
+// contract); every other method answers "/ql4.transport.v1.SourceService/<Method> is not
+// available on this server", so this class itself is the provider of a server that offers none.
 class SourceServiceProvider {
 public:
     virtual ~SourceServiceProvider() = default;

@@ -9,11 +9,11 @@
 
 namespace ql {
 
-// ql4.transport.v1.SystemService: Ping, shutdown and diagnostics of the server process.
+// ql4.transport.v1.SystemService: ping, shutdown and diagnostics of the server process.
 //
 // The provider interface: override the methods this server offers (see ServiceMethod.h for the
-// contract); the others answer "/ql4.transport.v1.SystemService/<Method> is not available on this
-// server". This class itself is the provider of a server that offers none of them.
+// contract); every other method answers "/ql4.transport.v1.SystemService/<Method> is not
+// available on this server", so this class itself is the provider of a server that offers none.
 class SystemServiceProvider {
 public:
     virtual ~SystemServiceProvider() = default;

@@ -9,11 +9,12 @@
 
 namespace ql {
 
-// ql4.transport.v1.TileService: The copy jobs (tiles): listing, editing, ordering and watching them.
+// ql4.transport.v1.TileService: the copy jobs (tiles): listing, editing, ordering and watching
+// them.
 //
 // The provider interface: override the methods this server offers (see ServiceMethod.h for the
-// contract); the others answer "/ql4.transport.v1.TileService/<Method> is not available on this
-// server". This class itself is the provider of a server that offers none of them.
+// contract); every other method answers "/ql4.transport.v1.TileService/<Method> is not
+// available on this server", so this class itself is the provider of a server that offers none.
 class TileServiceProvider {
 public:
     virtual ~TileServiceProvider() = default;
