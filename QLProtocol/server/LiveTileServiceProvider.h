@@ -1,0 +1,93 @@
+#pragma once
+
+#include "QLModel/VolumeResolver.h"
+#include "QLProtocol/server/CopyTileStore.h"
+#include "QLProtocol/server/PreviewEraser.h"
+#include "QLProtocol/server/TileBindingEnricher.h"
+#include "QLProtocol/server/TileServiceError.h"
+#include "QLProtocol/server/VolumeEventSource.h"
+#include "QLProtocol/transport/TileService.h"
+#include "QLSupport/Actor.h"
+#include "QLSupport/Clock.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace ql {
+
+// The server side of the tile service: lists, creates, updates, deletes, reorders and watches
+// the copy jobs kept by `CopyTileStore`.
+//
+// Bindings are enriched from the live volume before they are stored; on update each side
+// follows the change rules (a stale hint for a healthy binding is ignored, a new anchor that
+// resolves is adopted, anything else keeps the stored binding). Bindings that could not be
+// enriched are healed when a volume appears (attach-heal, mount-heal). Each binding's latest
+// verdict (`BindingState`) is attached to the jobs it sends and never stored.
+//
+// An actor; watch subscribers are fed in store-event order by one pump.
+class LiveTileServiceProvider final : public Actor, public TileServiceProvider {
+public:
+    using Tile = ql4::transport::v1::CopyTile;
+    using Side = TileBindingEnricher::Side;
+
+    struct Options {
+        std::shared_ptr<PreviewEraser> previews;  // null: previews are not kept
+        std::shared_ptr<Clock> clock;             // LiveClock when null
+    };
+
+    LiveTileServiceProvider(const Executor& executor, CopyTileStore& store, VolumeResolver& resolver, Options options);
+    ~LiveTileServiceProvider() override;
+
+    // Subscribes to the store, runs the one-time binding migrations and a first heal pass, and
+    // starts following `volumeEvents` when given (a source that cannot start is logged).
+    asio::awaitable<void> start(std::shared_ptr<VolumeEventSource> volumeEvents = nullptr);
+    // Stops following volume events and ends every watch stream.
+    void stop();
+
+    UnaryResult<wire::ListTilesResponse> listTiles(wire::ListTilesRequest request) override;
+    UnaryResult<wire::CreateTileResponse> createTile(wire::CreateTileRequest request) override;
+    UnaryResult<wire::UpdateTileResponse> updateTile(wire::UpdateTileRequest request) override;
+    UnaryResult<wire::DeleteTileResponse> deleteTile(wire::DeleteTileRequest request) override;
+    UnaryResult<wire::ReorderTilesResponse> reorderTiles(wire::ReorderTilesRequest request) override;
+    StreamResult<wire::TileEvent> watchTiles(wire::WatchTilesRequest request) override;
+
+    // A volume appeared: re-enrich the bindings that are still unenriched.
+    asio::awaitable<void> heal(VolumeEvent event);
+    // The one-time rewrites of old bindings (data anchor, host names); also run by `start`.
+    asio::awaitable<void> runMigrations();
+
+private:
+    asio::awaitable<tl::expected<wire::ListTilesResponse, HandlerError>> listOnStrand();
+    asio::awaitable<tl::expected<wire::CreateTileResponse, HandlerError>> createOnStrand(Tile tile);
+    asio::awaitable<tl::expected<wire::UpdateTileResponse, HandlerError>> updateOnStrand(Tile tile, bool clearsPreview);
+    asio::awaitable<tl::expected<wire::DeleteTileResponse, HandlerError>> deleteOnStrand(std::string id);
+    asio::awaitable<tl::expected<wire::ReorderTilesResponse, HandlerError>> reorderOnStrand(std::vector<std::string> ids);
+    asio::awaitable<tl::expected<ServerStream<wire::TileEvent>, HandlerError>> watchOnStrand();
+    asio::awaitable<void> startOnStrand(std::shared_ptr<VolumeEventSource> volumeEvents);
+    asio::awaitable<void> healOnStrand(VolumeEvent event);
+    asio::awaitable<void> migrateOnStrand();
+    asio::awaitable<void> pump(CopyTileStore::Events::Consumer events);
+
+    // The binding a side keeps on update, by the change rules.
+    asio::awaitable<ql4::transport::v1::VolumeBinding> applyChangeRules(std::string tileID, Side side,
+                                                                        ql4::transport::v1::VolumeBinding incoming,
+                                                                        ql4::transport::v1::VolumeBinding stored);
+    // Resolves both sides, records the verdicts and attaches them to the tile.
+    asio::awaitable<Tile> withBindingStates(Tile tile);
+    void recordState(const std::string& tileID, Side side, const std::optional<Resolution>& resolution);
+    void attachStates(Tile& tile) const;
+    asio::awaitable<void> erasePreviews(std::string tileID);
+
+    CopyTileStore& store_;
+    VolumeResolver& resolver_;
+    TileBindingEnricher enricher_;
+    Options options_;
+    std::map<std::string, std::map<Side, ql4::transport::v1::BindingState>> bindingStates_;
+    std::map<Uuid, EventStream<wire::TileEvent>::Producer> watchSubscribers_;
+    std::shared_ptr<VolumeEventSource> volumeEvents_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    bool pumping_ = false;
+};
+
+}  // namespace ql

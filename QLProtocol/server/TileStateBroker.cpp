@@ -1,0 +1,95 @@
+#include "QLProtocol/server/TileStateBroker.h"
+
+#include "QLProtocol/server/CopyTileStore.h"
+#include "QLSupport/AtomicFile.h"
+#include "QLSupport/Log.h"
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+namespace ql {
+namespace {
+
+constexpr std::string_view tag = "TileStateBroker";
+
+std::string fileNamePart(const std::string& id) {
+    std::string out;
+    for (char c : id) {
+        const bool plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
+        out.push_back(plain ? c : '_');
+    }
+    return out.empty() ? "_" : out;
+}
+
+}  // namespace
+
+LiveTileStateBroker::LiveTileStateBroker(CopyTileStore& store, std::filesystem::path directory,
+                                         std::uint32_t engineStateVersion)
+    : store_(store), directory_(std::move(directory)), engineStateVersion_(engineStateVersion) {}
+
+std::filesystem::path LiveTileStateBroker::stateFile(const std::string& tileID) const {
+    return directory_ / (fileNamePart(tileID) + ".fsstate");
+}
+
+asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materialize(std::string tileID) {
+    const auto file = stateFile(tileID);
+    std::error_code ignored;
+    // Whatever an earlier run left is never taken for this run's starting point.
+    std::filesystem::remove(file, ignored);
+    auto tile = co_await store_.get(tileID);
+    std::string disposition;
+    if (!tile) {
+        disposition = "tile_missing";
+    } else if (tile->fs_events_state().empty()) {
+        disposition = "blob_empty";
+    } else if (tile->fs_events_state_version() != engineStateVersion_) {
+        disposition = "version_mismatch";
+    } else {
+        std::error_code error;
+        std::filesystem::create_directories(directory_, error);
+        auto written = error ? tl::expected<void, AtomicWriteError>(tl::unexpected(
+                                   AtomicWriteError{"mkdir", error.value(), directory_}))
+                             : AtomicFile::write(file, tile->fs_events_state(), 0600);
+        if (!written) {
+            Log::line(tag, "materialize failed for id=" + tileID + ": " + written.error().message());
+            disposition = "write_failed";
+        } else {
+            disposition = "usable";
+        }
+    }
+    if (tile) {
+        Log::f(tag, "materialize id={} → {} (stored version {}, engine version {}, {} bytes)", tileID, disposition,
+               tile->fs_events_state_version(), engineStateVersion_, tile->fs_events_state().size());
+    } else {
+        Log::f(tag, "materialize id={} → {}", tileID, disposition);
+    }
+    co_return Materialized{disposition, disposition == "usable" ? file : std::filesystem::path{}};
+}
+
+asio::awaitable<std::string> LiveTileStateBroker::capture(std::string tileID) {
+    const auto file = stateFile(tileID);
+    auto bytes = AtomicFile::read(file);
+    std::string disposition;
+    if (!bytes) {
+        if (bytes.error() == ENOENT) {
+            disposition = "file_missing";
+        } else {
+            Log::line(tag, "capture read failed for id=" + tileID + ": " + std::strerror(bytes.error()));
+            disposition = "read_failed";
+        }
+    } else if (bytes->empty()) {
+        disposition = "file_empty";
+    } else {
+        auto stored = co_await store_.setFsEventsState(tileID, *bytes, engineStateVersion_);
+        disposition = !stored                                                  ? "persist_failed"
+                      : *stored == CopyTileStore::DaemonWrite::skippedNoTile ? "skipped_no_tile"
+                                                                               : "persisted";
+    }
+    std::error_code ignored;
+    std::filesystem::remove(file, ignored);
+    Log::f(tag, "capture id={} → {}", tileID, disposition);
+    co_return disposition;
+}
+
+}  // namespace ql
