@@ -37,6 +37,8 @@ public:
         std::string sysBlock = "/sys/block";
         std::string devDirectory = "/dev";
         std::string mountInfo = "/proc/self/mountinfo";
+        // The device manager's record of each device ("b<major>:<minor>" files).
+        std::string udevData = "/run/udev/data";
     };
 
     // With a pool, the blocking reads run there; without one, on the caller's thread.
@@ -81,7 +83,15 @@ public:
     std::optional<std::uint64_t> diskSequence(const std::string& disk) const;
     // The device node, when it exists and is this device; otherwise why not.
     tl::expected<std::string, std::string> deviceNode(const std::string& device) const;
+    // The filesystem on a device, read by libblkid. A device this process may not open (a server
+    // running as a user, or a sandbox that hides the raw disk) is known instead by the device
+    // manager's record of it, or, when it is mounted with ext2/3/4 or btrfs, by the filesystem id
+    // the kernel derives from the superblock's UUID ("fsid:" + 16 hex digits, a stable identity
+    // that is not the UUID itself).
     tl::expected<std::optional<FilesystemFacts>, std::string> readFilesystem(const std::string& device) const;
+    // The same, without opening the device; nullopt when neither route knows the device.
+    std::optional<FilesystemFacts> filesystemWithoutOpening(const std::string& device) const;
+    // A disk this process may not open reads as having no table it can know.
     tl::expected<std::optional<PartitionTable>, std::string> readPartitionTable(const std::string& disk) const;
     // The whole disks in natural order ("loop2" before "loop10"), empty ones left out.
     std::vector<std::string> wholeDisks() const;

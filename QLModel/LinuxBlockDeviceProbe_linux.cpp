@@ -3,6 +3,7 @@
 #include <blkid/blkid.h>
 #include <libmount/libmount.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 
@@ -194,7 +195,13 @@ tl::expected<std::optional<LinuxBlockDeviceProbe::FilesystemFacts>, std::string>
     if (!node) return tl::unexpected(node.error());
     errno = 0;
     ProbeHandle probe(blkid_new_probe_from_filename(node->c_str()));
-    if (!probe) return tl::unexpected(fmt::format("{}: {}", *node, std::strerror(errno ? errno : EIO)));
+    if (!probe) {
+        const int error = errno ? errno : EIO;
+        if (error == EACCES || error == EPERM) {
+            if (auto known = filesystemWithoutOpening(device)) return std::optional<FilesystemFacts>(std::move(*known));
+        }
+        return tl::unexpected(fmt::format("{}: {}", *node, std::strerror(error)));
+    }
     blkid_probe_enable_partitions(probe.get(), 0);
     blkid_probe_enable_superblocks(probe.get(), 1);
     blkid_probe_set_superblocks_flags(
@@ -212,13 +219,60 @@ tl::expected<std::optional<LinuxBlockDeviceProbe::FilesystemFacts>, std::string>
     return std::optional<FilesystemFacts>(std::move(facts));
 }
 
+std::optional<LinuxBlockDeviceProbe::FilesystemFacts> LinuxBlockDeviceProbe::filesystemWithoutOpening(
+    const std::string& device) const {
+    auto number = deviceNumber(device);
+    if (!number) return std::nullopt;
+
+    // The device manager's record: "E:ID_FS_TYPE=ext4" and the like.
+    std::ifstream record(fs::path(options_.udevData) / fmt::format("b{}:{}", major(*number), minor(*number)));
+    FilesystemFacts facts;
+    for (std::string line; std::getline(record, line);) {
+        auto value = [&](std::string_view key) -> std::optional<std::string> {
+            if (!line.starts_with(key)) return std::nullopt;
+            return line.substr(key.size());
+        };
+        if (auto v = value("E:ID_FS_TYPE=")) facts.type = *v;
+        if (auto v = value("E:ID_FS_UUID=")) facts.uuid = *v;
+        if (auto v = value("E:ID_FS_LABEL=")) facts.label = *v;
+        if (auto v = value("E:ID_FS_VERSION=")) facts.version = *v;
+    }
+    if (!facts.type.empty()) return facts;
+
+    // The kernel's filesystem id of the mounted filesystem. Only where that id comes from the
+    // superblock's UUID (so it names this filesystem on any machine, after any reboot).
+    std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> mounts(mnt_new_table_from_file(options_.mountInfo.c_str()),
+                                                                      &mnt_unref_table);
+    if (!mounts) return std::nullopt;
+    libmnt_fs* mounted = mnt_table_find_devno(mounts.get(), *number, MNT_ITER_FORWARD);
+    if (mounted == nullptr) return std::nullopt;
+    const char* type = mnt_fs_get_fstype(mounted);
+    const char* target = mnt_fs_get_target(mounted);
+    if (type == nullptr || target == nullptr) return std::nullopt;
+    const std::string fsType = type;
+    if (fsType != "ext2" && fsType != "ext3" && fsType != "ext4" && fsType != "btrfs") return std::nullopt;
+    struct statfs stats {};
+    if (::statfs(target, &stats) != 0) return std::nullopt;
+    std::uint64_t id = 0;
+    static_assert(sizeof(stats.f_fsid) == sizeof(id));
+    std::memcpy(&id, &stats.f_fsid, sizeof(id));
+    if (id == 0) return std::nullopt;
+    facts.type = fsType;
+    facts.uuid = fmt::format("fsid:{:016x}", id);
+    return facts;
+}
+
 tl::expected<std::optional<LinuxBlockDeviceProbe::PartitionTable>, std::string>
 LinuxBlockDeviceProbe::readPartitionTable(const std::string& disk) const {
     auto node = deviceNode(disk);
     if (!node) return tl::unexpected(node.error());
     errno = 0;
     ProbeHandle probe(blkid_new_probe_from_filename(node->c_str()));
-    if (!probe) return tl::unexpected(fmt::format("{}: {}", *node, std::strerror(errno ? errno : EIO)));
+    if (!probe) {
+        const int error = errno ? errno : EIO;
+        if (error == EACCES || error == EPERM) return std::optional<PartitionTable>();
+        return tl::unexpected(fmt::format("{}: {}", *node, std::strerror(error)));
+    }
     blkid_probe_enable_superblocks(probe.get(), 0);
     blkid_probe_enable_partitions(probe.get(), 1);
     blkid_probe_set_partitions_flags(probe.get(), BLKID_PARTS_ENTRY_DETAILS);
