@@ -291,7 +291,7 @@ asio::awaitable<void> ServerAssembly::shutdown(bool cancelRuns, std::string why)
         co_await manager->drain();
         Log::line(kTag, "every run has ended");
     }
-    if (parts_ && parts_->tiles) parts_->tiles->stop();
+    if (parts_ && parts_->tiles) co_await parts_->tiles->stop();
     if (parts_ && parts_->sources) co_await parts_->sources->shutdown();
     if (parts_ && parts_->server) parts_->server->stop();
     if (parts_ && parts_->attestation) parts_->attestation->stop();

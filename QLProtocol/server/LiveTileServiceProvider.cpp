@@ -70,13 +70,15 @@ LiveTileServiceProvider::~LiveTileServiceProvider() {
     for (auto& [id, producer] : watchSubscribers_) producer.finish();
 }
 
-void LiveTileServiceProvider::stop() {
+asio::awaitable<void> LiveTileServiceProvider::stop() {
     if (volumeEvents_) volumeEvents_->stop();
-    asio::post(strand(), [this, alive = std::weak_ptr<bool>(alive_)] {
-        if (alive.expired()) return;
-        for (auto& [id, producer] : watchSubscribers_) producer.finish();
-        watchSubscribers_.clear();
-    });
+    return serialized(stopOnStrand());
+}
+
+asio::awaitable<void> LiveTileServiceProvider::stopOnStrand() {
+    for (auto& [id, producer] : watchSubscribers_) producer.finish();
+    watchSubscribers_.clear();
+    co_return;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -42,8 +42,9 @@ public:
     // Subscribes to the store, runs the one-time binding migrations and a first heal pass, and
     // starts following `volumeEvents` when given (a source that cannot start is logged).
     asio::awaitable<void> start(std::shared_ptr<VolumeEventSource> volumeEvents = nullptr);
-    // Stops following volume events and ends every watch stream.
-    void stop();
+    // Stops following volume events and ends every watch stream (their connections hold the
+    // provider, so a server must stop it before it goes away).
+    asio::awaitable<void> stop();
 
     UnaryResult<wire::ListTilesResponse> listTiles(wire::ListTilesRequest request) override;
     UnaryResult<wire::CreateTileResponse> createTile(wire::CreateTileRequest request) override;
@@ -64,6 +65,7 @@ private:
     asio::awaitable<tl::expected<wire::DeleteTileResponse, HandlerError>> deleteOnStrand(std::string id);
     asio::awaitable<tl::expected<wire::ReorderTilesResponse, HandlerError>> reorderOnStrand(std::vector<std::string> ids);
     asio::awaitable<tl::expected<ServerStream<wire::TileEvent>, HandlerError>> watchOnStrand();
+    asio::awaitable<void> stopOnStrand();
     asio::awaitable<void> startOnStrand(std::shared_ptr<VolumeEventSource> volumeEvents);
     asio::awaitable<void> healOnStrand(VolumeEvent event);
     asio::awaitable<void> migrateOnStrand();

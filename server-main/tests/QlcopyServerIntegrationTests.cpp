@@ -170,7 +170,10 @@ TEST_F(QlcopyServerIntegration, aRunCopiesTheTreeAndReportsTheRightCounters) {
     EXPECT_EQ(completed.bytes_copied(), static_cast<std::int64_t>(total));
     EXPECT_EQ(completed.items_copied(), 24 + 2);  // the files and their two folders
     EXPECT_EQ(completed.errors(), 0);
-    EXPECT_TRUE(result.events.front().has_started());
+    // The run is queued (first in line), then started, before anything else happens.
+    ASSERT_GE(result.events.size(), 2u);
+    EXPECT_TRUE(result.events[0].has_queued()) << result.events[0].DebugString();
+    EXPECT_TRUE(result.events[1].has_started()) << result.events[1].DebugString();
     EXPECT_TRUE(sameTree(world.sourceMount / "Documents", world.destinationMount / "Backup of Documents"));
 
     // A second run finds nothing to copy.

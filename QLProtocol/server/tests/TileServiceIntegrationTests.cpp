@@ -86,7 +86,7 @@ public:
     }
     ~TileServiceWorld() {
         server->stop();
-        provider->stop();
+        loop.run(provider->stop());
     }
 
     fs::path stateDir() const { return dir / "state"; }
