@@ -18,6 +18,8 @@
 #include "QLProtocol/server/LiveTileServiceProvider.h"
 #include "QLProtocol/server/VolumeEventSource.h"
 #include "QLProtocol/server/RunFinishedNotifier.h"
+#include "QLProtocol/server/RunIdText.h"
+#include "QLProtocol/server/TileStateBroker.h"
 #include "QLProtocol/transport/AttestationSessions.h"
 #include "QLProtocol/transport/CopyService.h"
 #include "QLProtocol/transport/DestinationService.h"
@@ -50,6 +52,17 @@ namespace {
 constexpr const char* kTag = "qlcopyserver";
 
 ServerPaths pathsFor(const ServerOptions& options) { return ServerPaths::forPlatform(options.stateRoot); }
+
+// The format of the engine's state file; a stored state of another format is not handed to it.
+constexpr std::uint32_t kEngineStateFormat = 1;
+
+asio::awaitable<void> materializeTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID) {
+    co_await broker->materialize(std::move(tileID));
+}
+
+asio::awaitable<void> captureTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID) {
+    co_await broker->capture(std::move(tileID));
+}
 
 asio::awaitable<int> countActiveRuns(std::weak_ptr<JobManager> weakManager) {
     auto manager = weakManager.lock();
@@ -170,12 +183,22 @@ asio::awaitable<tl::expected<void, std::string>> ServerAssembly::start() {
     environment->binary = enginePath_;
     environment->resolver = parts->resolver;
     if (overrides_.volumeHost) environment->volumeHost = overrides_.volumeHost;
+    // Each job's scan state lives in the job store; around a run the broker writes it where the
+    // engine reads it and stores what the engine left, so the next run can scan incrementally.
     const auto stateFolder = paths_.fsEventsStateDirectory();
-    environment->statePathFor = [stateFolder](const ql4::transport::v1::CopyRequest& request,
-                                              const ql4::transport::v1::RunId&) {
+    auto stateBroker = std::make_shared<LiveTileStateBroker>(*parts->store, stateFolder, kEngineStateFormat);
+    environment->statePathFor = [stateFolder, stateBroker](const ql4::transport::v1::CopyRequest& request,
+                                                           const ql4::transport::v1::RunId& runID) {
         std::error_code ec;
         fs::create_directories(stateFolder, ec);
-        return (stateFolder / (request.tile_id() + ".qlstate")).string();
+        if (request.tile_id().empty()) return (stateFolder / ("run-" + RunIdText::hex(runID.value()) + ".fsstate")).string();
+        return stateBroker->stateFile(request.tile_id()).string();
+    };
+    environment->materializeTileState = [stateBroker](std::string tileID, std::string) {
+        return materializeTileState(stateBroker, std::move(tileID));
+    };
+    environment->captureTileState = [stateBroker](std::string tileID, std::string) {
+        return captureTileState(stateBroker, std::move(tileID));
     };
     environment->shell = parts->shell;
     environment->mountCoordinator = std::make_shared<NoOpMountCoordinator>();

@@ -4,6 +4,7 @@
 
 #include "QLProtocol/runners/tests/QlcopyJobRunnerTestWorld.h"
 #include "QLProtocol/transport/CopyService.h"
+#include "QLProtocol/transport/TileService.h"
 #include "QLProtocol/transport/UDSChannel.h"
 #include "QLSupport/Log.h"
 #include "server-main/ServerAssembly.h"
@@ -50,6 +51,23 @@ asio::awaitable<void> streamRun(std::shared_ptr<UDSChannel> channel, wire::CopyR
         result.events.push_back(std::move(**next));
     }
     done->set_value(std::move(result));
+}
+
+asio::awaitable<tl::expected<wire::CreateTileResponse, TransportError>> createJob(std::shared_ptr<UDSChannel> channel,
+                                                                                std::string id) {
+    TileServiceClient tiles(channel);
+    wire::CreateTileRequest request;
+    request.mutable_tile()->set_id(std::move(id));
+    request.mutable_tile()->set_name("Documents");
+    co_return co_await tiles.call<&TileServiceProvider::createTile>(request);
+}
+
+// The reason of the run's scan-mode event, when it had one.
+std::optional<wire::ScanMode::Reason> scanReason(const std::vector<wire::ClonerEvent>& events) {
+    for (const auto& e : events) {
+        if (e.has_scan_mode()) return e.scan_mode().reason();
+    }
+    return std::nullopt;
 }
 
 asio::awaitable<wire::RunControlResponse> control(std::shared_ptr<UDSChannel> channel, std::string runID,
@@ -161,6 +179,8 @@ protected:
 TEST_F(QlcopyServerIntegration, aRunCopiesTheTreeAndReportsTheRightCounters) {
     const auto total = makeTree(world.sourceMount / "Documents", 24, 40'000);
     start(QL_ENGINE_EXECUTABLE);
+    auto created = asio::co_spawn(io, createJob(channel, world.request().tile_id()), asio::use_future).get();
+    ASSERT_TRUE(created) << created.error().message();
     auto future = run(world.request());
     auto result = wait(future);
     ASSERT_FALSE(result.error) << result.error->message();
@@ -176,10 +196,15 @@ TEST_F(QlcopyServerIntegration, aRunCopiesTheTreeAndReportsTheRightCounters) {
     EXPECT_TRUE(result.events[1].has_started()) << result.events[1].DebugString();
     EXPECT_TRUE(sameTree(world.sourceMount / "Documents", world.destinationMount / "Backup of Documents"));
 
-    // A second run finds nothing to copy.
+    EXPECT_EQ(scanReason(result.events), wire::ScanMode::REASON_FIRST_RUN);
+
+    // A second run finds nothing to copy, and starts from the scan state the first one left in
+    // the job store.
     auto again = run(world.request());
     auto second = wait(again);
     ASSERT_TRUE(second.events.back().has_completed());
+    EXPECT_EQ(scanReason(second.events), wire::ScanMode::REASON_HISTORY_EXPIRED)
+        << "the engine did not get the state the first run left";
     EXPECT_EQ(second.events.back().completed().bytes_copied(), 0);
     EXPECT_EQ(second.events.back().completed().items_copied(), 0);
 }
