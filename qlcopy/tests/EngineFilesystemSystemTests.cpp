@@ -63,14 +63,22 @@ TEST(EngineFilesystems, ADestinationThatFillsUpFailsWithEnospcAndNoPartialFile) 
     EXPECT_EQ(failure->value("errno_value", 0), ENOSPC);
     EXPECT_NE(failure->value("message", "").find("No space left on device (ENOSPC)"), std::string::npos)
         << failure->dump();
-    EXPECT_EQ(failure->value("path", ""), small + "/dst/big.bin");
+    // Two copy threads: big.bin fills the disk, and z.txt, copied beside it, may be the one that
+    // meets the full disk first. Either way the run stops with that file's ENOSPC.
+    const auto failedPath = failure->value("path", "");
+    EXPECT_TRUE(failedPath == small + "/dst/big.bin" || failedPath == small + "/dst/z.txt") << failedPath;
     EXPECT_FALSE(run.first("summary"));
     EXPECT_FALSE(Tree::exists(small + "/dst/big.bin")) << "nothing partial under a final name";
     EXPECT_TRUE(Tree::temporaries(small + "/dst").empty());
-    EXPECT_EQ(Tree::read(small + "/dst/a.txt"), "small\n");
+    // The small files land or not depending on the scheduling, but never in part.
+    for (const auto& [name, text] : {std::pair{"a.txt", "small\n"}, {"z.txt", "after\n"}}) {
+        if (Tree::exists(small + "/dst/" + name)) {
+            EXPECT_EQ(Tree::read(small + "/dst/" + name), text) << name;
+        }
+    }
     bool itemLine = false;
     for (const auto& w : run.ofType("warning")) {
-        itemLine |= w.value("message", "") == "COPIED FAILED " + small + "/dst/big.bin: No space left on device (ENOSPC)";
+        itemLine |= w.value("message", "") == "COPIED FAILED " + failedPath + ": No space left on device (ENOSPC)";
     }
     EXPECT_TRUE(itemLine) << run.describe();
 }
