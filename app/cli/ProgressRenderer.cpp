@@ -96,7 +96,13 @@ std::string ProgressRenderer::activity(const RunTracker& tracker) {
         return fmt::format("Updating folder dates: {} of {}", s.dirsRetimeChecked, s.dirsRetimeTotal);
     }
     const RunPhase* phase = activePhase(s);
-    if (!phase) return "Preparing";
+    if (!phase) {
+        // Between phases: before the copy that is preparation, after it the finishing steps.
+        const bool copied = std::any_of(s.phases.begin(), s.phases.end(), [](const RunPhase& p) {
+            return (p.id == "files" || p.id == "replicate") && p.state != PhaseState::pending;
+        });
+        return copied ? "Finishing" : "Preparing";
+    }
     for (const auto& step : phase->steps) {
         if (step.state == PhaseState::active && step.label() != phase->label()) return phase->label() + ": " + step.label();
     }

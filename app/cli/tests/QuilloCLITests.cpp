@@ -147,6 +147,10 @@ TEST(ProgressRenderer, PlainOutputIsOneLinePerChangeWorthReading) {
     auto stall = event(3);
     stall.mutable_log()->set_text("stall: subject=copy stalled_s=30 path=/a/c.txt");
     feed(stall, 2200);
+    auto filesDone = event(4);
+    filesDone.mutable_phase_end()->set_name("files");
+    filesDone.mutable_phase_end()->set_succeeded(true);
+    feed(filesDone, 2900);
     auto done = event(4);
     done.mutable_completed()->set_items_copied(3);
     done.mutable_completed()->set_items_evaluated(4);
@@ -163,6 +167,7 @@ TEST(ProgressRenderer, PlainOutputIsOneLinePerChangeWorthReading) {
               "  10% · 1.5 MB/s · About 5 minutes remaining · a.txt\n"
               "  50% · 1.5 MB/s · About 5 minutes remaining · c.txt\n"
               "Copying large file: Still working — 30 seconds and counting…\n"
+              "Finishing\n"
               "Copy complete.\n"
               "Copied 3 items (1.0 KB), updated 0, deleted 0; checked 4 items (1.0 KB) in 4.0 s.\n");
 }
