@@ -8,6 +8,7 @@
 #   no-change    an update with nothing to do:     qlcopy --delete, cp -au, rsync -a --delete
 #   1%-changed   1% of the files rewritten:        the same three commands
 # Every figure is the median of --repeats runs, each tool in turn, with `sync` before each run.
+# Initial copies go onto a new, empty ext4 filesystem per run (as root; a plain folder elsewhere).
 # cp -au is only a reference for updates (it cannot delete); the update target is rsync.
 #
 # Usage: bench/engine_vs_peers.sh [--work DIR] [--repeats N] [--scale F] [--memory-files N] [--build DIR]
@@ -131,6 +132,34 @@ run_timed() {
   _m=$(( $(tail -1 "$work/.mem") / 1024 ))
 }
 
+# fresh_destination SRC: sets $fresh to the mount point of a new, empty ext4 filesystem big enough
+# for SRC (as root, with loop devices); elsewhere to a new folder next to the trees.
+fresh=""
+fresh_image="$work/fresh.img"
+release_destination() {
+  if [ -n "$fresh" ] && mountpoint -q "$fresh" 2>/dev/null; then umount "$fresh"; fi
+  [ -n "$fresh" ] && rm -rf "$fresh"
+  rm -f "$fresh_image"
+  fresh=""
+}
+trap release_destination EXIT
+fresh_destination() {
+  release_destination
+  fresh="$work/fresh"
+  mkdir -p "$fresh"
+  if [ "$(id -u)" = 0 ] && command -v mkfs.ext4 >/dev/null; then
+    local mb=$(( $(du -sm "$1" | cut -f1) * 3 / 2 + 128 ))
+    truncate -s "${mb}M" "$fresh_image"
+    # Inode tables and journal written now, so no background initialisation competes with the copy.
+    if mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0 "$fresh_image" && mount -o loop "$fresh_image" "$fresh" 2>/dev/null; then
+      sync
+      return
+    fi
+    echo "engine_vs_peers: no loop filesystem here; copying into a plain folder" >&2
+  fi
+  sync
+}
+
 median() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 ratio() { python3 -c "print(f'{$1 / $2:.2f}')"; }
 
@@ -149,15 +178,23 @@ bench_tree() {
   results[$kind,desc]="$files files, $(( bytes / 1048576 )) MB"
   find "$src" -type f -exec cat {} + >/dev/null  # warm the source into the page cache
 
+  # The copies the update phases start from.
+  rm -rf "$work/$kind-"{ql,cp,rs}
+  "$qlcopy" --progress-fd 3 --clone-families --copy-mode different --delete "$src" "$work/$kind-ql" >>"$log" 2>&1 3>/dev/null
+  cp -a "$src" "$work/$kind-cp"
+  rsync -a "$src/" "$work/$kind-rs/"
+
   local phase t m
   for phase in initial no-change 1%-changed; do
     local ql=() cp=() rs=() peak=0
     for round in $(seq 1 "$repeats"); do
       if [ "$phase" = initial ]; then
-        rm -rf "$work/$kind-"{ql,cp,rs}
-        run_timed t m "$qlcopy" --progress-fd 3 --clone-families --copy-mode different --delete "$src" "$work/$kind-ql"; ql+=("$t"); (( m > peak )) && peak=$m
-        run_timed t m cp -a "$src" "$work/$kind-cp"; cp+=("$t")
-        run_timed t m rsync -a "$src/" "$work/$kind-rs/"; rs+=("$t")
+        # Each tool copies onto an empty filesystem of its own (like a new backup drive), so that
+        # none of them pays for inodes another one has just freed.
+        fresh_destination "$src"; run_timed t m "$qlcopy" --progress-fd 3 --clone-families --copy-mode different --delete "$src" "$fresh/copy"; ql+=("$t"); (( m > peak )) && peak=$m
+        fresh_destination "$src"; run_timed t m cp -a "$src" "$fresh/copy"; cp+=("$t")
+        fresh_destination "$src"; run_timed t m rsync -a "$src/" "$fresh/copy/"; rs+=("$t")
+        release_destination
       else
         [ "$phase" = 1%-changed ] && change_one_percent "$src" "$round"
         run_timed t m "$qlcopy" --progress-fd 3 --clone-families --copy-mode different --delete "$src" "$work/$kind-ql"; ql+=("$t"); (( m > peak )) && peak=$m
