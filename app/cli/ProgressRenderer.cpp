@@ -175,8 +175,11 @@ void ProgressRenderer::update(const RunTracker& tracker, RunTracker::Change chan
     // Plain: what changed, one line each.
     const auto what = activity(tracker);
     if (what != lastActivity_) {
+        // Back from one of its steps to the phase itself ("Preparing destination: Mounting
+        // volumes" → "Preparing destination") says nothing new.
+        const bool backFromStep = lastActivity_.starts_with(what + ": ");
         lastActivity_ = what;
-        out_ << what << "\n";
+        if (!backFromStep) out_ << what << "\n";
     }
     const auto& tile = tracker.tile();
     if (!tile.running) {

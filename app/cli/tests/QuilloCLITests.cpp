@@ -138,6 +138,20 @@ TEST(ProgressRenderer, PlainOutputIsOneLinePerChangeWorthReading) {
     auto started = event(0);
     started.mutable_started();
     feed(started, 0);
+    auto prepare = event(0);
+    prepare.mutable_phase_start()->set_name("prepare");
+    feed(prepare, 1);
+    for (const auto* step : {"resolve", "mount"}) {
+        auto begin = event(0);
+        begin.mutable_step_start()->set_phase_name("prepare");
+        begin.mutable_step_start()->set_name(step);
+        feed(begin, 2);
+        auto end = event(0);
+        end.mutable_step_end()->set_phase_name("prepare");
+        end.mutable_step_end()->set_name(step);
+        end.mutable_step_end()->set_succeeded(true);
+        feed(end, 3);
+    }
     auto files = event(0);
     files.mutable_phase_start()->set_name("files");
     feed(files, 10);
@@ -163,6 +177,9 @@ TEST(ProgressRenderer, PlainOutputIsOneLinePerChangeWorthReading) {
     EXPECT_EQ(out.str(),
               "Copying /a → /b (Smart Update)\n"
               "Preparing\n"
+              "Preparing destination\n"
+              "Preparing destination: Resolving volumes\n"
+              "Preparing destination: Mounting volumes\n"  // not "Preparing destination" again in between
               "Copying files\n"
               "  10% · 1.5 MB/s · About 5 minutes remaining · a.txt\n"
               "  50% · 1.5 MB/s · About 5 minutes remaining · c.txt\n"
