@@ -1,5 +1,7 @@
 #pragma once
 
+#include "QLModel/EngineStateFormat.h"
+
 #include <tl/expected.hpp>
 
 #include <cstdint>
@@ -24,7 +26,7 @@ struct SourceIdentity {
 // rewritten, atomically, after a run that finished without errors. It holds a format version,
 // the source's identity and the hash of the rule set.
 struct StateFile {
-    static constexpr int currentFormat = 1;
+    static constexpr int currentFormat = static_cast<int>(kEngineStateFormat);
 
     int formatVersion = currentFormat;
     SourceIdentity source;

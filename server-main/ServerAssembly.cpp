@@ -1,5 +1,6 @@
 #include "server-main/ServerAssembly.h"
 
+#include "QLModel/EngineStateFormat.h"
 #include "QLModel/LiveHardwareSerialProbe.h"
 #include "QLModel/LiveVolumeProbe.h"
 #include "QLModel/VolumeResolver.h"
@@ -52,9 +53,6 @@ namespace {
 constexpr const char* kTag = "qlcopyserver";
 
 ServerPaths pathsFor(const ServerOptions& options) { return ServerPaths::forPlatform(options.stateRoot); }
-
-// The format of the engine's state file; a stored state of another format is not handed to it.
-constexpr std::uint32_t kEngineStateFormat = 1;
 
 asio::awaitable<void> materializeTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID) {
     co_await broker->materialize(std::move(tileID));
