@@ -1,6 +1,7 @@
 #include "QLModel/VolumeResolver.h"
 
 #include "QLModel/PartitionContentName.h"
+#include "QLModel/ShareAddress.h"
 #include "QLSupport/Log.h"
 
 #include <algorithm>
@@ -163,80 +164,8 @@ APFSContainerState containerState(const ProbeAPFSContainerDetail& container, con
     return state;
 }
 
-// A share URL taken apart for comparison: scheme and host lower-cased, user information and
-// default ports dropped, the path percent-decoded with repeated and trailing slashes removed.
-struct ShareAddress {
-    std::string scheme;
-    std::string host;
-    std::string port;
-    std::string path;
-};
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-std::string percentDecoded(std::string_view text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size()) {
-            int hi = hexValue(text[i + 1]), lo = hexValue(text[i + 2]);
-            if (hi >= 0 && lo >= 0) {
-                out.push_back(static_cast<char>(hi * 16 + lo));
-                i += 2;
-                continue;
-            }
-        }
-        out.push_back(text[i]);
-    }
-    return out;
-}
-
-std::optional<ShareAddress> parseShareURL(std::string_view url) {
-    auto separator = url.find("://");
-    if (separator == std::string_view::npos || separator == 0) return std::nullopt;
-    ShareAddress out;
-    out.scheme = lowercased(url.substr(0, separator));
-    if (out.scheme == "cifs") out.scheme = "smb";
-    auto rest = url.substr(separator + 3);
-    auto slash = rest.find('/');
-    auto authority = rest.substr(0, slash);
-    auto path = slash == std::string_view::npos ? std::string_view() : rest.substr(slash);
-    if (auto at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
-    if (!authority.empty() && authority.front() == '[') {
-        auto close = authority.find(']');
-        if (close == std::string_view::npos) return std::nullopt;
-        out.host = lowercased(authority.substr(0, close + 1));
-        auto after = authority.substr(close + 1);
-        if (!after.empty() && after.front() == ':') out.port = std::string(after.substr(1));
-    } else {
-        auto colon = authority.rfind(':');
-        if (colon != std::string_view::npos) {
-            out.port = std::string(authority.substr(colon + 1));
-            authority = authority.substr(0, colon);
-        }
-        out.host = lowercased(percentDecoded(authority));
-    }
-    while (!out.host.empty() && out.host.back() == '.') out.host.pop_back();
-    if (out.host.empty()) return std::nullopt;
-    if ((out.scheme == "smb" && out.port == "445") || (out.scheme == "afp" && out.port == "548") ||
-        (out.scheme == "nfs" && out.port == "2049")) {
-        out.port.clear();
-    }
-    auto decoded = percentDecoded(path);
-    for (char c : decoded) {
-        if (c == '/' && !out.path.empty() && out.path.back() == '/') continue;
-        out.path.push_back(c);
-    }
-    while (!out.path.empty() && out.path.back() == '/') out.path.pop_back();
-    return out;
-}
-
 FilesystemFamily familyOfShareScheme(const std::string& url) {
-    auto address = parseShareURL(url);
+    auto address = ShareAddress::parse(url);
     if (!address) return FilesystemFamily::other;
     if (address->scheme == "smb") return FilesystemFamily::smb;
     if (address->scheme == "afp") return FilesystemFamily::afp;
@@ -940,8 +869,8 @@ FilesystemFamily VolumeResolver::classify(const ProbeInfo& info) const {
 }
 
 bool VolumeResolver::sameShare(const std::string& a, const std::string& b) const {
-    auto left = parseShareURL(a);
-    auto right = parseShareURL(b);
+    auto left = ShareAddress::parse(a);
+    auto right = ShareAddress::parse(b);
     if (!left || !right) return a == b;
     return left->scheme == right->scheme && left->port == right->port && left->path == right->path &&
            sameHost(left->host, right->host);

@@ -1,130 +1,23 @@
 #include "QLProtocol/server/CanonicalShareURL.h"
 
-#include <cctype>
-#include <cstring>
+#include "QLModel/ShareAddress.h"
 
 namespace ql {
-namespace {
-
-struct Parts {
-    std::string scheme;
-    std::string host;
-    std::string port;
-    std::string path;  // decoded, begins with '/' unless empty
-};
-
-std::string lowercased(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-std::string percentDecoded(std::string_view text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size()) {
-            int hi = hexValue(text[i + 1]);
-            int lo = hexValue(text[i + 2]);
-            if (hi >= 0 && lo >= 0) {
-                out.push_back(static_cast<char>(hi * 16 + lo));
-                i += 2;
-                continue;
-            }
-        }
-        out.push_back(text[i]);
-    }
-    return out;
-}
-
-std::string percentEncodedPath(std::string_view path) {
-    static constexpr const char* kept = "-._~!$&'()*+,;=:@/";
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string out;
-    for (char c : path) {
-        const auto u = static_cast<unsigned char>(c);
-        if (std::isalnum(u) || (c != '\0' && std::strchr(kept, c) != nullptr)) {
-            out.push_back(c);
-        } else {
-            out.push_back('%');
-            out.push_back(digits[u >> 4]);
-            out.push_back(digits[u & 0xF]);
-        }
-    }
-    return out;
-}
-
-std::optional<Parts> parse(std::string_view url) {
-    auto separator = url.find("://");
-    if (separator == std::string_view::npos || separator == 0) return std::nullopt;
-    Parts out;
-    out.scheme = lowercased(url.substr(0, separator));
-    for (char c : out.scheme) {
-        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '-' && c != '.') return std::nullopt;
-    }
-    if (out.scheme == "cifs") out.scheme = "smb";
-    auto rest = url.substr(separator + 3);
-    auto slash = rest.find('/');
-    auto authority = rest.substr(0, slash);
-    auto path = slash == std::string_view::npos ? std::string_view() : rest.substr(slash);
-    if (auto at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
-    if (!authority.empty() && authority.front() == '[') {
-        auto close = authority.find(']');
-        if (close == std::string_view::npos) return std::nullopt;
-        out.host = lowercased(authority.substr(0, close + 1));
-        auto after = authority.substr(close + 1);
-        if (!after.empty() && after.front() == ':') out.port = std::string(after.substr(1));
-    } else {
-        auto colon = authority.rfind(':');
-        if (colon != std::string_view::npos) {
-            out.port = std::string(authority.substr(colon + 1));
-            authority = authority.substr(0, colon);
-        }
-        out.host = lowercased(percentDecoded(authority));
-    }
-    while (!out.host.empty() && out.host.back() == '.') out.host.pop_back();
-    if (out.host.empty()) return std::nullopt;
-    for (char c : out.port) {
-        if (!std::isdigit(static_cast<unsigned char>(c))) return std::nullopt;
-    }
-    if ((out.scheme == "smb" && out.port == "445") || (out.scheme == "afp" && out.port == "548") ||
-        (out.scheme == "nfs" && out.port == "2049")) {
-        out.port.clear();
-    }
-    for (char c : percentDecoded(path)) {
-        if (c == '/' && !out.path.empty() && out.path.back() == '/') continue;
-        out.path.push_back(c);
-    }
-    while (!out.path.empty() && out.path.back() == '/') out.path.pop_back();
-    return out;
-}
-
-}  // namespace
 
 std::optional<std::string> CanonicalShareURL::of(std::string_view url) {
-    auto parts = parse(url);
-    if (!parts) return std::nullopt;
-    std::string out = parts->scheme + "://" + parts->host;
-    if (!parts->port.empty()) out += ":" + parts->port;
-    out += percentEncodedPath(parts->path);
-    return out;
+    auto address = ShareAddress::parse(url);
+    if (!address) return std::nullopt;
+    return address->canonicalText();
 }
 
 std::string CanonicalShareURL::host(std::string_view url) {
-    auto parts = parse(url);
-    return parts ? parts->host : std::string();
+    auto address = ShareAddress::parse(url);
+    return address ? address->host : std::string();
 }
 
 std::string CanonicalShareURL::shareName(std::string_view url) {
-    auto parts = parse(url);
-    if (!parts || parts->path.empty()) return {};
-    return parts->path.substr(parts->path.rfind('/') + 1);
+    auto address = ShareAddress::parse(url);
+    return address ? address->shareName() : std::string();
 }
 
 }  // namespace ql
