@@ -63,13 +63,26 @@ std::string reasonDetail(const UnresolvedReason& reason) {
     }
 }
 
-template <typename F>
-auto offload(BlockingPool* pool, F work) -> asio::awaitable<std::invoke_result_t<F&>> {
-    if (!pool) co_return work();
-    co_return co_await pool->run(std::move(work));
-}
+// Counts one piece of work on the pool for as long as it lives.
+class InFlight {
+public:
+    explicit InFlight(std::shared_ptr<std::atomic<int>> count) : count_(std::move(count)) { ++*count_; }
+    ~InFlight() { --*count_; }
+    InFlight(const InFlight&) = delete;
+    InFlight& operator=(const InFlight&) = delete;
+
+private:
+    std::shared_ptr<std::atomic<int>> count_;
+};
 
 }  // namespace
+
+template <typename F>
+auto LiveSourceServiceProvider::offload(F work) -> asio::awaitable<std::invoke_result_t<F&>> {
+    if (!c_.pool) co_return work();
+    InFlight counted(inFlight_);
+    co_return co_await c_.pool->run(std::move(work));
+}
 
 LiveSourceServiceProvider::LiveSourceServiceProvider(const Executor& executor, Collaborators collaborators)
     : Actor(executor), c_(std::move(collaborators)) {}
@@ -127,9 +140,11 @@ LiveSourceServiceProvider::Listing LiveSourceServiceProvider::listNow() {
 }
 
 asio::awaitable<LiveSourceServiceProvider::Listing> LiveSourceServiceProvider::listOffPool() {
+    // This frame keeps the provider alive until the listing is back; the work itself must not
+    // own it, or the provider could be destroyed on a pool thread after its executor is gone.
     auto self = shared_from_this();
-    auto work = [self] { return self->listNow(); };
-    co_return co_await offload(c_.pool.get(), std::move(work));
+    auto work = [provider = self.get()] { return provider->listNow(); };
+    co_return co_await offload(std::move(work));
 }
 
 UnaryResult<wire::ListVolumesResponse> LiveSourceServiceProvider::listVolumes(wire::ListVolumesRequest) {
@@ -243,7 +258,14 @@ asio::awaitable<void> LiveSourceServiceProvider::shutdownOnStrand() {
     watchers_.clear();
     if (watching_) c_.mountWatch->stop();
     watching_ = false;
-    co_return;
+    // Work still on the blocking pool resumes on this provider's executor; let it finish while
+    // that executor is sure to exist.
+    asio::steady_timer pause(co_await asio::this_coro::executor);
+    for (int waited = 0; *inFlight_ > 0 && waited < 30'000; waited += 5) {
+        pause.expires_after(std::chrono::milliseconds(5));
+        co_await pause.async_wait(asio::use_awaitable);
+    }
+    if (*inFlight_ > 0) Log::f(kTag, "shutdown: {} listing(s) still running on the blocking pool", inFlight_->load());
 }
 
 // ---- Resolution ----------------------------------------------------------------------------
@@ -389,7 +411,7 @@ tl::expected<wire::EnumerateDirectoryResponse, std::string> LiveSourceServicePro
 
 UnaryResult<wire::StatPathResponse> LiveSourceServiceProvider::statPath(wire::StatPathRequest request) {
     auto work = [path = request.path()] { return statNow(path); };
-    auto result = co_await offload(c_.pool.get(), std::move(work));
+    auto result = co_await offload(std::move(work));
     if (!result) co_return tl::unexpected(HandlerError::failed(result.error()));
     co_return std::move(*result);
 }
@@ -397,7 +419,7 @@ UnaryResult<wire::StatPathResponse> LiveSourceServiceProvider::statPath(wire::St
 UnaryResult<wire::EnumerateDirectoryResponse> LiveSourceServiceProvider::enumerateDirectory(
     wire::EnumerateDirectoryRequest request) {
     auto work = [path = request.path()] { return enumerateNow(path); };
-    auto result = co_await offload(c_.pool.get(), std::move(work));
+    auto result = co_await offload(std::move(work));
     if (!result) co_return tl::unexpected(HandlerError::failed(result.error()));
     co_return std::move(*result);
 }

@@ -9,6 +9,7 @@
 #include "QLSupport/Actor.h"
 #include "QLSupport/BlockingPool.h"
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -55,7 +56,8 @@ public:
     UnaryResult<wire::EnumerateDirectoryResponse> enumerateDirectory(wire::EnumerateDirectoryRequest request) override;
     UnaryResult<wire::StatPathResponse> statPath(wire::StatPathRequest request) override;
 
-    // Ends every watch stream and stops watching the mount table (server shutdown).
+    // Ends every watch stream, stops watching the mount table and waits for listings still on the
+    // blocking pool (server shutdown).
     asio::awaitable<void> shutdown();
 
     // The wire form of a resolver verdict. Unreachable disk images read as the client expects:
@@ -77,6 +79,9 @@ private:
     // Lists, filters, adds each volume's operating-system version and logs; blocking.
     Listing listNow();
     asio::awaitable<Listing> listOffPool();
+    // Runs blocking work on the pool (on the calling thread without one), counted in `inFlight_`.
+    template <typename F>
+    auto offload(F work) -> asio::awaitable<std::invoke_result_t<F&>>;
 
     asio::awaitable<tl::expected<void, std::string>> addWatcher(EventStream<wire::VolumeEvent>::Producer producer);
     asio::awaitable<void> relist();
@@ -93,6 +98,9 @@ private:
     bool watching_ = false;
     bool relisting_ = false;
     bool relistAgain_ = false;
+
+    // Blocking work not yet back from the pool; shutdown waits for it.
+    std::shared_ptr<std::atomic<int>> inFlight_ = std::make_shared<std::atomic<int>>(0);
 
     // Operating-system versions per volume identity, remembered once read (any thread).
     std::mutex osVersionsMutex_;
