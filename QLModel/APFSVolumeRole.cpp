@@ -4,6 +4,7 @@
 #include "QLModel/ModelHash.h"
 
 #include <array>
+#include <cctype>
 
 namespace ql {
 namespace {
@@ -41,6 +42,17 @@ tl::expected<APFSVolumeRole, ModelDecodeError> JsonCoder<APFSVolumeRole>::decode
         return APFSVolumeRole::other(std::move(role));
     }
     return tl::unexpected(ModelDecodeError::unknownCase(path, name));
+}
+
+APFSVolumeRole APFSVolumeRole::named(const std::string& name) {
+    std::string lower(name);
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (lower == "system") return system();
+    if (lower == "data") return data();
+    if (lower == "preboot") return preboot();
+    if (lower == "recovery") return recovery();
+    if (lower == "vm") return vm();
+    return other(name);
 }
 
 }  // namespace ql

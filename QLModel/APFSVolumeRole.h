@@ -21,6 +21,9 @@ public:
     static APFSVolumeRole recovery() { return APFSVolumeRole(Kind::recovery); }
     static APFSVolumeRole vm() { return APFSVolumeRole(Kind::vm); }
     static APFSVolumeRole other(std::string name) { return APFSVolumeRole(Kind::other, std::move(name)); }
+    // The role a disk tool or a stored binding names ("Data", "system", …, in any case); any other
+    // name is `other` with that name.
+    static APFSVolumeRole named(const std::string& name);
 
     Kind kind() const { return kind_; }
     // The role's name when `kind()` is `other`; empty otherwise.

@@ -102,16 +102,6 @@ std::optional<std::string> schemeOfParent(const ProbeList& listing, const std::s
     return std::nullopt;
 }
 
-APFSVolumeRole roleNamed(const std::string& name) {
-    auto lower = lowercased(name);
-    if (lower == "system") return APFSVolumeRole::system();
-    if (lower == "data") return APFSVolumeRole::data();
-    if (lower == "preboot") return APFSVolumeRole::preboot();
-    if (lower == "recovery") return APFSVolumeRole::recovery();
-    if (lower == "vm") return APFSVolumeRole::vm();
-    return APFSVolumeRole::other(name);
-}
-
 std::optional<ProbeAPFSContainerDetail> containerFor(const std::vector<ProbeAPFSContainerDetail>& containers,
                                                      const std::string& device, const ProbeInfo& info) {
     for (const auto& container : containers) {
@@ -148,7 +138,7 @@ APFSContainerState containerState(const ProbeAPFSContainerDetail& container, con
         out.bsdDevice = volume.deviceIdentifier;
         out.volumeUUID = volume.volumeUUID.value_or(Uuid());
         out.name = volume.name.value_or(std::string());
-        out.role = volume.roles.empty() ? APFSVolumeRole::other("") : roleNamed(volume.roles.front());
+        out.role = volume.roles.empty() ? APFSVolumeRole::other("") : APFSVolumeRole::named(volume.roles.front());
         out.usedBytes = volume.capacityInUse;
         out.totalBytes = container.capacityCeiling;
         out.freeBytes = container.capacityFree;
@@ -781,7 +771,7 @@ asio::awaitable<VolumeResolver::BindingResult> VolumeResolver::bindOnStrand(std:
     std::optional<std::vector<ProbeAPFSContainerDetail>> containers;
     if (isAPFSVolume(info)) {
         if (!info.apfsVolumeRole.empty())
-            target = VolumeTarget::apfsVolumeByRole(roleNamed(info.apfsVolumeRole.front()));
+            target = VolumeTarget::apfsVolumeByRole(APFSVolumeRole::named(info.apfsVolumeRole.front()));
         auto listedContainers = co_await env_.probe->listAPFSContainers();
         std::optional<std::string> store;
         if (listedContainers) {

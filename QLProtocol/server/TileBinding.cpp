@@ -18,15 +18,6 @@ std::optional<Uuid> uuidOf(const std::string& bytes) {
     return *decoded;
 }
 
-APFSVolumeRole roleNamed(const std::string& name) {
-    if (name == "system" || name == "System") return APFSVolumeRole::system();
-    if (name == "data" || name == "Data") return APFSVolumeRole::data();
-    if (name == "preboot" || name == "Preboot") return APFSVolumeRole::preboot();
-    if (name == "recovery" || name == "Recovery") return APFSVolumeRole::recovery();
-    if (name == "vm" || name == "VM") return APFSVolumeRole::vm();
-    return APFSVolumeRole::other(name);
-}
-
 wire::UnresolvedReason wireReason(const UnresolvedReason& reason) {
     switch (reason.kind()) {
         case UnresolvedReason::Kind::unsupportedKey: return wire::UR_UNSUPPORTED_KEY;
@@ -88,7 +79,7 @@ std::optional<VolumeRef> TileBinding::ref(const Binding& b) {
     switch (b.target_kind()) {
         case Binding::TARGET_KIND_APFS_VOLUME_GROUP: ref.target = VolumeTarget::apfsVolumeGroup(); break;
         case Binding::TARGET_KIND_APFS_VOLUME_BY_ROLE:
-            ref.target = VolumeTarget::apfsVolumeByRole(roleNamed(b.target_role()));
+            ref.target = VolumeTarget::apfsVolumeByRole(APFSVolumeRole::named(b.target_role()));
             break;
         default: ref.target = VolumeTarget::wholeFilesystem(); break;
     }

@@ -26,15 +26,6 @@ std::optional<PartitionMapType> mapTypeNamed(std::string word) {
     return std::nullopt;
 }
 
-APFSVolumeRole roleNamed(const std::string& name) {
-    if (name == "system" || name == "System") return APFSVolumeRole::system();
-    if (name == "data" || name == "Data") return APFSVolumeRole::data();
-    if (name == "preboot" || name == "Preboot") return APFSVolumeRole::preboot();
-    if (name == "recovery" || name == "Recovery") return APFSVolumeRole::recovery();
-    if (name == "vm" || name == "VM") return APFSVolumeRole::vm();
-    return APFSVolumeRole::other(name);
-}
-
 }  // namespace
 
 tl::expected<wire::VolumeRef, std::string> JobVolumeRef::fromBinding(const wire::VolumeBinding& b) {
@@ -76,7 +67,7 @@ tl::expected<wire::VolumeRef, std::string> JobVolumeRef::fromBinding(const wire:
         case wire::VolumeBinding::TARGET_KIND_APFS_VOLUME_GROUP: target->set_kind(wire::VolumeTarget::APFS_VOLUME_GROUP); break;
         case wire::VolumeBinding::TARGET_KIND_APFS_VOLUME_BY_ROLE: {
             target->set_kind(wire::VolumeTarget::APFS_VOLUME_BY_ROLE);
-            *target->mutable_role() = VolumeBridge::toWire(roleNamed(b.target_role()));
+            *target->mutable_role() = VolumeBridge::toWire(APFSVolumeRole::named(b.target_role()));
             break;
         }
         default: target->set_kind(wire::VolumeTarget::WHOLE_FILESYSTEM); break;
