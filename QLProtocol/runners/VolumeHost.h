@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -17,6 +18,9 @@ struct VolumeHost {
     // path → the volume holding it; nothing when that cannot be determined. A path that does
     // not exist is looked up by its nearest existing ancestor.
     using Lookup = std::function<std::optional<VolumeHost>(const std::string& path)>;
+
+    // The path itself when it exists, else its nearest existing ancestor (made absolute).
+    static std::optional<std::filesystem::path> nearestExisting(const std::string& path);
 };
 
 // The platform's answer: the mount table entry of the filesystem the path lives on.
