@@ -90,6 +90,8 @@ std::string PosixSpawnedProcess::SpawnError::message() const {
                                operation, describe(code));
         case Kind::spawnFailed:
             return fmt::format("Could not start {}: {}.", executable, describe(code));
+        case Kind::startAsUserFailed:
+            return fmt::format("Could not start {} as user {}: {}.", executable, user, operation);
     }
     return "Could not start a child process.";
 }
@@ -109,6 +111,28 @@ tl::expected<PosixSpawnedProcess, PosixSpawnedProcess::SpawnError> PosixSpawnedP
         if (flags < 0 || ::fcntl(input.writeEnd.get(), F_SETFL, flags | O_NONBLOCK) < 0) {
             return tl::unexpected(SpawnError::pipeFailed(errno));
         }
+    }
+
+    auto adopt = [&](pid_t pid) {
+        PosixSpawnedProcess process;
+        process.pid = pid;
+        process.executable_ = executable;
+        process.ownProcessGroup_ = options.ownProcessGroup;
+        process.stdoutHandle = std::move(out.readEnd);
+        process.stderrHandle = std::move(err.readEnd);
+        process.ndjsonHandle = std::move(events.readEnd);
+        process.stdinHandle = std::move(input.writeEnd);
+        // The child's ends close when the pipes go out of scope: only the child holds them
+        // now, so end of file on a read end means every writer has gone.
+        return process;
+    };
+
+    if (options.runAs) {
+        auto started = detail::forkExecAsUser(
+            executable, arguments, options,
+            {input.readEnd.get(), out.writeEnd.get(), err.writeEnd.get(), events.writeEnd.get()});
+        if (!started) return tl::unexpected(started.error());
+        return adopt(*started);
     }
 
     SpawnSetup setup;
@@ -170,10 +194,7 @@ tl::expected<PosixSpawnedProcess, PosixSpawnedProcess::SpawnError> PosixSpawnedP
     }
     sigset_t defaults;
     sigemptyset(&defaults);
-    for (int s : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD, SIGTSTP, SIGTTIN, SIGTTOU, SIGUSR1, SIGUSR2,
-                  SIGALRM}) {
-        sigaddset(&defaults, s);
-    }
+    for (int s : detail::kSignalsResetInChild) sigaddset(&defaults, s);
     if (int rc = posix_spawnattr_setsigdefault(&setup.attributes, &defaults); rc != 0) {
         return attributeFailure("spawnattr_setsigdefault", rc);
     }
@@ -202,18 +223,7 @@ tl::expected<PosixSpawnedProcess, PosixSpawnedProcess::SpawnError> PosixSpawnedP
     int rc = posix_spawn(&pid, executable.c_str(), &setup.actions, &setup.attributes, argv.data(),
                          options.environment ? envp.data() : environ);
     if (rc != 0) return tl::unexpected(SpawnError::spawnFailed(rc, executable));
-
-    PosixSpawnedProcess process;
-    process.pid = pid;
-    process.executable_ = executable;
-    process.ownProcessGroup_ = options.ownProcessGroup;
-    process.stdoutHandle = std::move(out.readEnd);
-    process.stderrHandle = std::move(err.readEnd);
-    process.ndjsonHandle = std::move(events.readEnd);
-    process.stdinHandle = std::move(input.writeEnd);
-    // The child's ends close here, when the pipes go out of scope: only the child holds them
-    // now, so end of file on a read end means every writer has gone.
-    return process;
+    return adopt(pid);
 }
 
 PosixSpawnedProcess::PosixSpawnedProcess(PosixSpawnedProcess&& other) noexcept

@@ -4,8 +4,11 @@
 #include <spawn.h>
 #include <sys/types.h>
 
+#include "QLSupport/UserCredentials.h"
+
 #include <tl/expected.hpp>
 
+#include <array>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -24,6 +27,10 @@ namespace ql {
 // is still running hands the child to a background reaper that collects its status when it
 // ends, so no zombie is left behind (the child is not signalled; stop it first if that is
 // wanted).
+//
+// With `Options::runAs` the child runs as another user: it is forked rather than posix_spawned,
+// and between fork and exec it sets up the same descriptors and signals, then drops to that
+// user's ids and groups and checks that it did before it execs.
 class PosixSpawnedProcess {
 public:
     // An owned file descriptor, closed when destroyed.
@@ -55,18 +62,24 @@ public:
     };
 
     struct SpawnError {
-        enum class Kind { pipeFailed, fileActionsFailed, spawnFailed };
+        enum class Kind { pipeFailed, fileActionsFailed, spawnFailed, startAsUserFailed };
         Kind kind = Kind::pipeFailed;
-        int code = 0;            // errno
-        std::string operation;   // fileActionsFailed: the failing call, e.g. "_adddup2"
-        std::string executable;  // spawnFailed
+        int code = 0;  // errno
+        // fileActionsFailed: the failing call, e.g. "_adddup2"; startAsUserFailed: what failed,
+        // e.g. "setuid failed: Operation not permitted (errno=1)".
+        std::string operation;
+        std::string executable;  // spawnFailed, startAsUserFailed
+        uid_t user = 0;          // startAsUserFailed
 
-        static SpawnError pipeFailed(int code) { return {Kind::pipeFailed, code, {}, {}}; }
+        static SpawnError pipeFailed(int code) { return {Kind::pipeFailed, code, {}, {}, 0}; }
         static SpawnError fileActionsFailed(std::string operation, int code) {
-            return {Kind::fileActionsFailed, code, std::move(operation), {}};
+            return {Kind::fileActionsFailed, code, std::move(operation), {}, 0};
         }
         static SpawnError spawnFailed(int code, std::string executable) {
-            return {Kind::spawnFailed, code, {}, std::move(executable)};
+            return {Kind::spawnFailed, code, {}, std::move(executable), 0};
+        }
+        static SpawnError startAsUserFailed(std::string what, int code, std::string executable, uid_t user) {
+            return {Kind::startAsUserFailed, code, std::move(what), std::move(executable), user};
         }
         std::string message() const;
         friend bool operator==(const SpawnError&, const SpawnError&) = default;
@@ -86,6 +99,10 @@ public:
         // Make the child the leader of a new process group, so that a signal can reach the
         // child and everything it started (see `signalGroup`).
         bool ownProcessGroup = false;
+        // Run the child with this user's ids and groups, so that the kernel decides what it may
+        // read, write and delete. Needs root, except to run as ourselves (same ids and groups).
+        // The working directory is entered after dropping privileges, as that user.
+        std::optional<UserCredentials> runAs;
     };
 
     // How the child ended. `code` is the exit code of a normal exit, or 128 + the signal
@@ -160,6 +177,31 @@ namespace detail {
 int closeDescriptorsFrom(posix_spawn_file_actions_t& actions, short& flags, int lowest, std::string& operation);
 // pipe(2) with both ends close-on-exec, atomically where the platform allows. Returns 0 or errno.
 int makeCloexecPipe(int fds[2]);
+
+// The signals a child starts with default handling of, whatever we ignore or handle.
+inline constexpr std::array<int, 12> kSignalsResetInChild = {SIGPIPE, SIGINT,  SIGTERM, SIGHUP,  SIGQUIT, SIGCHLD,
+                                                             SIGTSTP, SIGTTIN, SIGTTOU, SIGUSR1, SIGUSR2, SIGALRM};
+
+// The ends the child receives as descriptors 0–3; -1 for standard input means /dev/null, for
+// events that descriptor 3 stays closed. All are close-on-exec and above 3 in the parent.
+struct ChildDescriptors {
+    int input = -1;
+    int output = -1;
+    int error = -1;
+    int events = -1;
+};
+// The `runAs` path of `spawn`: forks, sets the child up as the options say, drops to
+// `options.runAs` and execs. Returns the child's pid once the exec has succeeded; a failure in
+// the child is reported back with its step, and the child reaped.
+tl::expected<pid_t, PosixSpawnedProcess::SpawnError> forkExecAsUser(const std::string& executable,
+                                                                    const std::vector<std::string>& arguments,
+                                                                    const PosixSpawnedProcess::Options& options,
+                                                                    const ChildDescriptors& descriptors);
+// Platform part, async-signal-safe, for a forked child: marks every descriptor from `lowest`
+// upwards close-on-exec (not closed, so the child's error report pipe survives until exec).
+// `limit` is one more than the highest descriptor that can be open, found before the fork,
+// for platforms that must go through the descriptors one by one. Returns 0 or errno.
+int markCloseOnExecFrom(int lowest, int limit);
 }  // namespace detail
 
 }  // namespace ql

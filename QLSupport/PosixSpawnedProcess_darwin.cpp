@@ -30,4 +30,13 @@ int makeCloexecPipe(int fds[2]) {
     return 0;
 }
 
+// macOS has no close_range; every descriptor is marked in turn.
+int markCloseOnExecFrom(int lowest, int limit) {
+    for (int fd = lowest; fd < limit; ++fd) {
+        int flags = ::fcntl(fd, F_GETFD);
+        if (flags >= 0 && !(flags & FD_CLOEXEC) && ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC) != 0) return errno;
+    }
+    return 0;
+}
+
 }  // namespace ql::detail

@@ -153,6 +153,7 @@ ShellRunner::Outcome LiveShellRunner::runBlocking(const ShellCommand& command) {
     spawnOptions.standardInputPipe = command.standardInput.has_value();
     spawnOptions.eventPipe = false;
     spawnOptions.ownProcessGroup = true;
+    spawnOptions.runAs = command.runAs;
 
     SigpipeBlock sigpipeBlock;
     auto spawned = PosixSpawnedProcess::spawn(executable, command.arguments, spawnOptions);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "QLSupport/BlockingPool.h"
+#include "QLSupport/UserCredentials.h"
 
 #include <asio.hpp>
 #include <tl/expected.hpp>
@@ -45,6 +46,9 @@ struct ShellCommand {
     // Absent: the runner's default timeout. Zero: no time limit.
     std::optional<std::chrono::milliseconds> timeout;
     std::shared_ptr<CommandControl> control;
+    // Absent: the tool runs with our own rights. Present: with that user's (the server runs a
+    // tool on a job owner's behalf as the owner).
+    std::optional<UserCredentials> runAs;
 
     // "diskutil info -plist disk2", for log lines. Standard input is never shown.
     std::string describe() const;

@@ -89,7 +89,7 @@ TEST(OwnershipReaderTest, LiveFatVolumeIgnoresOwnership) {
     ql::LiveShellRunner runner(pool);
     auto run = [&](std::string executable, std::vector<std::string> arguments) {
         return ql::ShellRunner::requireSuccess(
-            runner.runBlocking(ql::ShellCommand{executable, std::move(arguments), {}, std::chrono::seconds(20), {}}),
+            runner.runBlocking(ql::ShellCommand{executable, std::move(arguments), {}, std::chrono::seconds(20), {}, {}}),
             executable);
     };
 

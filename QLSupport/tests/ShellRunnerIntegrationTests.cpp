@@ -90,7 +90,7 @@ TEST_F(ShellRunnerTest, RunsToCompletionAndCapturesEachStream) {
         {"non-zero exit", sh("echo bad >&2; exit 7"), {7, "", "bad\n"}},
         {"killed by a signal", sh("kill -9 $$"), {137, "", ""}},
         {"arguments are not split or expanded",
-         ShellCommand{"/bin/echo", {"a b", "$HOME", "*", ""}, std::nullopt, std::nullopt, nullptr},
+         ShellCommand{"/bin/echo", {"a b", "$HOME", "*", ""}, std::nullopt, std::nullopt, nullptr, std::nullopt},
          {0, "a b $HOME * \n", ""}},
         {"standard input", sh("cat; echo done >&2", "pass word\n"), {0, "pass word\n", "done\n"}},
         {"no standard input reads as empty", sh("cat; echo eof"), {0, "eof\n", ""}},
@@ -142,7 +142,7 @@ TEST_F(ShellRunnerTest, LaunchFailuresAreReportedNotThrown) {
     LiveShellRunner runner(pool, options());
     for (const auto& executable : cases) {
         SCOPED_TRACE(executable);
-        auto outcome = runner.runBlocking(ShellCommand{executable, {"x"}, std::nullopt, std::nullopt, nullptr});
+        auto outcome = runner.runBlocking(ShellCommand{executable, {"x"}, std::nullopt, std::nullopt, nullptr, std::nullopt});
         ASSERT_FALSE(outcome);
         EXPECT_EQ(outcome.error().kind, Kind::launchFailed);
         EXPECT_NE(outcome.error().message().find(executable), std::string::npos) << outcome.error().message();
@@ -317,9 +317,9 @@ TEST_F(ShellRunnerTest, FakeRecordsCallsAndAnswersInOrder) {
     fake.setHandler([](const ShellCommand& c) -> ShellRunner::Outcome {
         return ShellRunner::Result{0, c.describe(), ""};
     });
-    EXPECT_EQ(fake.runBlocking(ShellCommand{"diskutil", {"list"}, {}, {}, nullptr})->stdout, "first");
-    EXPECT_EQ(fake.runBlocking(ShellCommand{"diskutil", {"info"}, {}, {}, nullptr}).error().kind, Kind::timedOut);
-    EXPECT_EQ(fake.runBlocking(ShellCommand{"hdiutil", {"attach", "a b.dmg"}, "secret", {}, nullptr})->stdout,
+    EXPECT_EQ(fake.runBlocking(ShellCommand{"diskutil", {"list"}, {}, {}, nullptr, std::nullopt})->stdout, "first");
+    EXPECT_EQ(fake.runBlocking(ShellCommand{"diskutil", {"info"}, {}, {}, nullptr, std::nullopt}).error().kind, Kind::timedOut);
+    EXPECT_EQ(fake.runBlocking(ShellCommand{"hdiutil", {"attach", "a b.dmg"}, "secret", {}, nullptr, std::nullopt})->stdout,
               "hdiutil attach \"a b.dmg\"");
     auto calls = fake.calls();
     ASSERT_EQ(calls.size(), 3u);
