@@ -26,7 +26,7 @@ std::vector<AttachedImageEntry> VolumeResolverEnvironment::liveAttachedImages() 
     BlockingPool pool(1);
     LiveShellRunner runner(pool);
     auto outcome = runner.runBlocking(
-        ShellCommand{"/usr/bin/hdiutil", {"info", "-plist"}, std::nullopt, std::chrono::seconds(30), nullptr});
+        ShellCommand{"/usr/bin/hdiutil", {"info", "-plist"}, std::nullopt, std::chrono::seconds(30), nullptr, std::nullopt});
     if (!outcome || outcome->exitCode != 0) return {};
     return attachedImagesFromHdiutilInfo(outcome->stdout);
 }

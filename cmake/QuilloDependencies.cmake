@@ -15,6 +15,8 @@ pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 if(NOT APPLE)
   pkg_check_modules(BLKID REQUIRED IMPORTED_TARGET blkid)
   pkg_check_modules(MOUNT REQUIRED IMPORTED_TARGET mount)
+  # sd-bus, for asking polkit on the system bus.
+  pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 endif()
 
 # Standalone Asio is header-only.

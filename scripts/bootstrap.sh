@@ -10,6 +10,7 @@ packages=(
   libasio-dev libprotobuf-dev protobuf-compiler nlohmann-json3-dev libplist-dev
   libhowardhinnant-date-dev libfmt-dev libexpected-dev libcli11-dev libssl-dev libsqlite3-dev
   libblkid-dev libmount-dev libacl1-dev libattr1-dev libicu-dev
+  libsystemd-dev dbus-daemon polkitd  # sd-bus for polkit; the approval tests' private bus and polkitd
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev tzdata procps time
   # disk and file tools the tests, benchmarks and Linux routes drive

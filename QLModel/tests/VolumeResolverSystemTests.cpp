@@ -55,7 +55,7 @@ public:
     // Runs a tool; a failure is recorded as a test failure and returned as absent.
     std::optional<std::string> run(const std::string& executable, std::vector<std::string> arguments) {
         auto outcome =
-            runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
+            runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr, std::nullopt});
         std::string line = executable;
         for (const auto& a : arguments) line += " " + a;
         if (!outcome) {
@@ -71,14 +71,14 @@ public:
 
     // Whether a tool succeeds, for steps that may fail without failing the test.
     bool succeeds(const std::string& executable, std::vector<std::string> arguments) {
-        auto outcome = runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
+        auto outcome = runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr, std::nullopt});
         return outcome && outcome->exitCode == 0;
     }
 
     // For clean-up: failures are only reported.
     void tryRun(const std::string& executable, std::vector<std::string> arguments) {
         auto outcome =
-            runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr});
+            runner_.runBlocking(ShellCommand{executable, arguments, std::nullopt, std::chrono::seconds(60), nullptr, std::nullopt});
         if (!outcome || outcome->exitCode != 0) {
             std::fprintf(stderr, "clean-up: %s %s failed: %s\n", executable.c_str(),
                          arguments.empty() ? "" : arguments.back().c_str(),
@@ -96,7 +96,7 @@ public:
             if (::access(tool, X_OK) != 0) return std::string(tool) + " is not installed";
         }
         auto outcome = runner_.runBlocking(
-            ShellCommand{"/usr/sbin/losetup", {"-f"}, std::nullopt, std::chrono::seconds(10), nullptr});
+            ShellCommand{"/usr/sbin/losetup", {"-f"}, std::nullopt, std::chrono::seconds(10), nullptr, std::nullopt});
         if (!outcome || outcome->exitCode != 0) {
             return "losetup -f can't find a free loop device: " +
                    (outcome ? outcome->stderr : outcome.error().message());
