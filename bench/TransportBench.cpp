@@ -24,7 +24,7 @@ namespace {
 
 class EchoSystem final : public SystemServiceProvider {
 public:
-    UnaryResult<wire::PingResponse> ping(wire::PingRequest request) override {
+    UnaryResult<wire::PingResponse> ping(CallContext, wire::PingRequest request) override {
         wire::PingResponse response;
         response.set_nonce(request.nonce());
         co_return response;
@@ -34,7 +34,7 @@ public:
 // JoinRun streams as many progress events as the run id's length says, then ends.
 class FloodingCopy final : public CopyServiceProvider {
 public:
-    StreamResult<wire::ClonerEvent> joinRun(wire::JoinRunRequest request) override {
+    StreamResult<wire::ClonerEvent> joinRun(CallContext, wire::JoinRunRequest request) override {
         const auto count = std::stoul(request.run_id().value());
         auto [producer, consumer] = EventStream<wire::ClonerEvent>::make();
         // Pushed from another thread while the server writes, as a runner would.

@@ -19,23 +19,23 @@ class CopyServiceProvider {
 public:
     virtual ~CopyServiceProvider() = default;
 
-    virtual StreamResult<wire::ClonerEvent> runCloner(wire::CopyRequest) { return notAvailable; }
-    virtual StreamResult<wire::ClonerEvent> previewRun(wire::CopyRequest) { return notAvailable; }
-    virtual StreamResult<wire::ClonerEvent> joinRun(wire::JoinRunRequest) { return notAvailable; }
-    virtual UnaryResult<wire::RunControlResponse> cancelRun(wire::RunControlRequest) { return notAvailable; }
-    virtual UnaryResult<wire::RunControlResponse> pauseRun(wire::RunControlRequest) { return notAvailable; }
-    virtual UnaryResult<wire::RunControlResponse> resumeRun(wire::RunControlRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ListActiveRunsResponse> listActiveRuns(wire::ListActiveRunsRequest) { return notAvailable; }
-    virtual UnaryResult<wire::StatImageDestinationResponse> statImageDestination(wire::StatImageDestinationRequest) { return notAvailable; }
-    virtual StreamResult<wire::ClonerEvent> probeImageDestination(wire::ImageProbeRequest) { return notAvailable; }
-    virtual StreamResult<wire::ClonerEvent> createImageDestination(wire::ImageCreateRequest) { return notAvailable; }
-    virtual UnaryResult<wire::GetPreviewStatusResponse> getPreviewStatus(wire::GetPreviewStatusRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ListActivePreviewsResponse> listActivePreviews(wire::ListActivePreviewsRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ListPreviewChildrenResponse> listPreviewChildren(wire::ListPreviewChildrenRequest) { return notAvailable; }
-    virtual UnaryResult<wire::UnlockResultResponse> reportUnlockResult(wire::UnlockResultRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ImagePassphraseResponse> provideImagePassphrase(wire::ImagePassphraseRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ClaimPowerActionResponse> claimPowerAction(wire::ClaimPowerActionRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ClaimImagePasswordResponse> claimImagePassword(wire::ClaimImagePasswordRequest) { return notAvailable; }
+    virtual StreamResult<wire::ClonerEvent> runCloner(CallContext, wire::CopyRequest) { return notAvailable; }
+    virtual StreamResult<wire::ClonerEvent> previewRun(CallContext, wire::CopyRequest) { return notAvailable; }
+    virtual StreamResult<wire::ClonerEvent> joinRun(CallContext, wire::JoinRunRequest) { return notAvailable; }
+    virtual UnaryResult<wire::RunControlResponse> cancelRun(CallContext, wire::RunControlRequest) { return notAvailable; }
+    virtual UnaryResult<wire::RunControlResponse> pauseRun(CallContext, wire::RunControlRequest) { return notAvailable; }
+    virtual UnaryResult<wire::RunControlResponse> resumeRun(CallContext, wire::RunControlRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ListActiveRunsResponse> listActiveRuns(CallContext, wire::ListActiveRunsRequest) { return notAvailable; }
+    virtual UnaryResult<wire::StatImageDestinationResponse> statImageDestination(CallContext, wire::StatImageDestinationRequest) { return notAvailable; }
+    virtual StreamResult<wire::ClonerEvent> probeImageDestination(CallContext, wire::ImageProbeRequest) { return notAvailable; }
+    virtual StreamResult<wire::ClonerEvent> createImageDestination(CallContext, wire::ImageCreateRequest) { return notAvailable; }
+    virtual UnaryResult<wire::GetPreviewStatusResponse> getPreviewStatus(CallContext, wire::GetPreviewStatusRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ListActivePreviewsResponse> listActivePreviews(CallContext, wire::ListActivePreviewsRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ListPreviewChildrenResponse> listPreviewChildren(CallContext, wire::ListPreviewChildrenRequest) { return notAvailable; }
+    virtual UnaryResult<wire::UnlockResultResponse> reportUnlockResult(CallContext, wire::UnlockResultRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ImagePassphraseResponse> provideImagePassphrase(CallContext, wire::ImagePassphraseRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ClaimPowerActionResponse> claimPowerAction(CallContext, wire::ClaimPowerActionRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ClaimImagePasswordResponse> claimImagePassword(CallContext, wire::ClaimImagePasswordRequest) { return notAvailable; }
 };
 
 // The method table: one line per method.

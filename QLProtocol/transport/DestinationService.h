@@ -19,9 +19,9 @@ class DestinationServiceProvider {
 public:
     virtual ~DestinationServiceProvider() = default;
 
-    virtual UnaryResult<wire::EraseVolumeResponse> eraseVolume(wire::EraseVolumeRequest) { return notAvailable; }
-    virtual UnaryResult<wire::SetVolumeOwnershipResponse> setVolumeOwnership(wire::SetVolumeOwnershipRequest) { return notAvailable; }
-    virtual UnaryResult<wire::CopyCryptexesResponse> copyCryptexesToDestination(wire::CopyCryptexesRequest) { return notAvailable; }
+    virtual UnaryResult<wire::EraseVolumeResponse> eraseVolume(CallContext, wire::EraseVolumeRequest) { return notAvailable; }
+    virtual UnaryResult<wire::SetVolumeOwnershipResponse> setVolumeOwnership(CallContext, wire::SetVolumeOwnershipRequest) { return notAvailable; }
+    virtual UnaryResult<wire::CopyCryptexesResponse> copyCryptexesToDestination(CallContext, wire::CopyCryptexesRequest) { return notAvailable; }
 };
 
 // The method table: one line per method.

@@ -18,10 +18,10 @@ class LockServiceProvider {
 public:
     virtual ~LockServiceProvider() = default;
 
-    virtual UnaryResult<wire::LockStatusResponse> getLockStatus(wire::LockStatusRequest) { return notAvailable; }
-    virtual UnaryResult<wire::UnlockResponse> unlock(wire::UnlockRequest) { return notAvailable; }
-    virtual UnaryResult<wire::LockResponse> lock(wire::LockRequest) { return notAvailable; }
-    virtual UnaryResult<wire::AuthorizeCopyResponse> authorizeCopy(wire::AuthorizeCopyRequest) { return notAvailable; }
+    virtual UnaryResult<wire::LockStatusResponse> getLockStatus(CallContext, wire::LockStatusRequest) { return notAvailable; }
+    virtual UnaryResult<wire::UnlockResponse> unlock(CallContext, wire::UnlockRequest) { return notAvailable; }
+    virtual UnaryResult<wire::LockResponse> lock(CallContext, wire::LockRequest) { return notAvailable; }
+    virtual UnaryResult<wire::AuthorizeCopyResponse> authorizeCopy(CallContext, wire::AuthorizeCopyRequest) { return notAvailable; }
 };
 
 // The method table: one line per method.

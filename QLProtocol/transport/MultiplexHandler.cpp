@@ -14,22 +14,22 @@ const ServiceHandler* MultiplexHandler::find(std::string_view serviceName) const
     return it == services_.end() ? nullptr : it->second.get();
 }
 
-asio::awaitable<tl::expected<std::string, CallRefusal>> MultiplexHandler::unary(std::string path,
+asio::awaitable<tl::expected<std::string, CallRefusal>> MultiplexHandler::unary(CallContext caller, std::string path,
                                                                                std::string body) const {
     auto parsed = MethodPath::parse(path);
     auto it = parsed ? services_.find(parsed->service) : services_.end();
     if (it == services_.end()) co_return tl::unexpected(CallRefusal::unknownMethod(path));
     auto service = it->second;  // keeps the handler alive across the call
-    co_return co_await service->unary(std::move(path), std::move(parsed->method), std::move(body));
+    co_return co_await service->unary(caller, std::move(path), std::move(parsed->method), std::move(body));
 }
 
 asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> MultiplexHandler::stream(
-    std::string path, std::string body) const {
+    CallContext caller, std::string path, std::string body) const {
     auto parsed = MethodPath::parse(path);
     auto it = parsed ? services_.find(parsed->service) : services_.end();
     if (it == services_.end()) co_return tl::unexpected(CallRefusal::unknownMethod(path));
     auto service = it->second;
-    co_return co_await service->stream(std::move(path), std::move(parsed->method), std::move(body));
+    co_return co_await service->stream(caller, std::move(path), std::move(parsed->method), std::move(body));
 }
 
 }  // namespace ql

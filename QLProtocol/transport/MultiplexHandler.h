@@ -20,8 +20,10 @@ public:
     const ServiceHandler* find(std::string_view serviceName) const;
     std::size_t size() const { return services_.size(); }
 
-    asio::awaitable<tl::expected<std::string, CallRefusal>> unary(std::string path, std::string body) const;
-    asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> stream(std::string path,
+    asio::awaitable<tl::expected<std::string, CallRefusal>> unary(CallContext caller, std::string path,
+                                                                  std::string body) const;
+    asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> stream(CallContext caller,
+                                                                                       std::string path,
                                                                                        std::string body) const;
 
 private:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QLProtocol/transport/CallContext.h"
 #include "QLProtocol/transport/CallRefusal.h"
 #include "QLSupport/EventStream.h"
 
@@ -32,7 +33,8 @@ public:
 // service and the request bytes, either a response (unary) or a stream of items, or a refusal
 // with its status. A method of the wrong call kind, or one the service does not know, is refused
 // as an unknown method; a body that does not decode is a DECODE_ERROR; a provider failure a
-// HANDLER_ERROR. `path` is the whole method path, for the texts.
+// HANDLER_ERROR. `path` is the whole method path, for the texts; `caller` is who is calling, as
+// the kernel reported it for the connection.
 class ServiceHandler {
 public:
     virtual ~ServiceHandler() = default;
@@ -40,11 +42,11 @@ public:
     // The service's full name, e.g. "ql4.transport.v1.TileService".
     virtual std::string_view serviceName() const = 0;
 
-    virtual asio::awaitable<tl::expected<std::string, CallRefusal>> unary(std::string path, std::string method,
-                                                                          std::string body) = 0;
+    virtual asio::awaitable<tl::expected<std::string, CallRefusal>> unary(CallContext caller, std::string path,
+                                                                          std::string method, std::string body) = 0;
 
     virtual asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> stream(
-        std::string path, std::string method, std::string body) = 0;
+        CallContext caller, std::string path, std::string method, std::string body) = 0;
 };
 
 }  // namespace ql

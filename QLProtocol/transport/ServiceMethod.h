@@ -1,6 +1,7 @@
 #pragma once
 
 #include "QLProtocol/proto/envelope.pb.h"
+#include "QLProtocol/transport/CallContext.h"
 #include "QLProtocol/transport/HandlerError.h"
 #include "QLSupport/EventStream.h"
 
@@ -22,8 +23,11 @@ namespace wire = ql4::transport::v1;
 //
 // A provider is an interface of coroutines, one per method:
 //
-//     unary:   UnaryResult<Response> method(Request request);
-//     stream:  StreamResult<Item>    method(Request request);
+//     unary:   UnaryResult<Response> method(CallContext caller, Request request);
+//     stream:  StreamResult<Item>    method(CallContext caller, Request request);
+//
+// `caller` is who is calling, from the kernel's credentials of the connection: a provider
+// decides with it what this person may see and do.
 //
 // A unary method returns the response or a `HandlerError`. A streaming method returns the
 // consumer end of an `EventStream<Item>` (`ServerStream<Item>`) or a `HandlerError` when it
@@ -101,7 +105,7 @@ template <typename Member>
 struct MemberSignature;
 
 template <typename P, typename Req, typename Result>
-struct MemberSignature<asio::awaitable<tl::expected<Result, HandlerError>> (P::*)(Req)> {
+struct MemberSignature<asio::awaitable<tl::expected<Result, HandlerError>> (P::*)(CallContext, Req)> {
     using Provider = P;
     using Request = Req;
     static constexpr bool serverStream = StreamConsumer<Result>;

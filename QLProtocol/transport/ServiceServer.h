@@ -62,30 +62,31 @@ public:
 
     std::string_view serviceName() const override { return Service::fullName; }
 
-    asio::awaitable<tl::expected<std::string, CallRefusal>> unary(std::string path, std::string method,
-                                                                  std::string body) override {
+    asio::awaitable<tl::expected<std::string, CallRefusal>> unary(CallContext caller, std::string path,
+                                                                  std::string method, std::string body) override {
         auto it = routes_.find(method);
         if (it == routes_.end()) co_return tl::unexpected(CallRefusal::unknownMethod(path));
         if (it->second.serverStream) co_return tl::unexpected(CallRefusal::wrongCallKind(path, true));
         auto call = it->second.unary;
-        co_return co_await call(provider_, std::move(path), std::move(body));
+        co_return co_await call(provider_, caller, std::move(path), std::move(body));
     }
 
-    asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> stream(std::string path,
+    asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> stream(CallContext caller,
+                                                                                       std::string path,
                                                                                        std::string method,
                                                                                        std::string body) override {
         auto it = routes_.find(method);
         if (it == routes_.end()) co_return tl::unexpected(CallRefusal::unknownMethod(path));
         if (!it->second.serverStream) co_return tl::unexpected(CallRefusal::wrongCallKind(path, false));
         auto call = it->second.stream;
-        co_return co_await call(provider_, std::move(path), std::move(body));
+        co_return co_await call(provider_, caller, std::move(path), std::move(body));
     }
 
 private:
-    using UnaryCall = asio::awaitable<tl::expected<std::string, CallRefusal>> (*)(std::shared_ptr<Provider>,
+    using UnaryCall = asio::awaitable<tl::expected<std::string, CallRefusal>> (*)(std::shared_ptr<Provider>, CallContext,
                                                                                   std::string, std::string);
     using StreamCall = asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> (*)(
-        std::shared_ptr<Provider>, std::string, std::string);
+        std::shared_ptr<Provider>, CallContext, std::string, std::string);
     struct Route {
         bool serverStream = false;
         UnaryCall unary = nullptr;
@@ -114,13 +115,14 @@ private:
 
     template <typename M>
     static asio::awaitable<tl::expected<std::string, CallRefusal>> callUnary(std::shared_ptr<Provider> provider,
-                                                                             std::string path, std::string body) {
+                                                                             CallContext caller, std::string path,
+                                                                             std::string body) {
         auto request = decode<typename M::Request>(body);
         if (!request) co_return tl::unexpected(request.error());
         tl::expected<typename M::Response, HandlerError> result;
         std::exception_ptr thrown;
         try {
-            result = co_await ((*provider).*M::member)(std::move(*request));
+            result = co_await ((*provider).*M::member)(caller, std::move(*request));
         } catch (...) {
             thrown = std::current_exception();
         }
@@ -131,13 +133,13 @@ private:
 
     template <typename M>
     static asio::awaitable<tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal>> callStream(
-        std::shared_ptr<Provider> provider, std::string path, std::string body) {
+        std::shared_ptr<Provider> provider, CallContext caller, std::string path, std::string body) {
         auto request = decode<typename M::Request>(body);
         if (!request) co_return tl::unexpected(request.error());
         tl::expected<ServerStream<typename M::Response>, HandlerError> result;
         std::exception_ptr thrown;
         try {
-            result = co_await ((*provider).*M::member)(std::move(*request));
+            result = co_await ((*provider).*M::member)(caller, std::move(*request));
         } catch (...) {
             thrown = std::current_exception();
         }

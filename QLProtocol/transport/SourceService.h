@@ -18,16 +18,16 @@ class SourceServiceProvider {
 public:
     virtual ~SourceServiceProvider() = default;
 
-    virtual UnaryResult<wire::ListVolumesResponse> listVolumes(wire::ListVolumesRequest) { return notAvailable; }
-    virtual StreamResult<wire::VolumeEvent> watchVolumes(wire::WatchVolumesRequest) { return notAvailable; }
-    virtual UnaryResult<wire::GetVolumeInfoResponse> getVolumeInfo(wire::GetVolumeInfoRequest) { return notAvailable; }
-    virtual UnaryResult<wire::GetCurrentEventIdResponse> getCurrentEventId(wire::GetCurrentEventIdRequest) { return notAvailable; }
-    virtual UnaryResult<wire::CreateSnapshotResponse> createSnapshot(wire::CreateSnapshotRequest) { return notAvailable; }
-    virtual UnaryResult<wire::MountSnapshotResponse> mountSnapshot(wire::MountSnapshotRequest) { return notAvailable; }
-    virtual UnaryResult<wire::UnmountSnapshotResponse> unmountSnapshot(wire::UnmountSnapshotRequest) { return notAvailable; }
-    virtual UnaryResult<wire::DeleteLocalSnapshotResponse> deleteLocalSnapshot(wire::DeleteLocalSnapshotRequest) { return notAvailable; }
-    virtual UnaryResult<wire::EnumerateDirectoryResponse> enumerateDirectory(wire::EnumerateDirectoryRequest) { return notAvailable; }
-    virtual UnaryResult<wire::StatPathResponse> statPath(wire::StatPathRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ListVolumesResponse> listVolumes(CallContext, wire::ListVolumesRequest) { return notAvailable; }
+    virtual StreamResult<wire::VolumeEvent> watchVolumes(CallContext, wire::WatchVolumesRequest) { return notAvailable; }
+    virtual UnaryResult<wire::GetVolumeInfoResponse> getVolumeInfo(CallContext, wire::GetVolumeInfoRequest) { return notAvailable; }
+    virtual UnaryResult<wire::GetCurrentEventIdResponse> getCurrentEventId(CallContext, wire::GetCurrentEventIdRequest) { return notAvailable; }
+    virtual UnaryResult<wire::CreateSnapshotResponse> createSnapshot(CallContext, wire::CreateSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::MountSnapshotResponse> mountSnapshot(CallContext, wire::MountSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::UnmountSnapshotResponse> unmountSnapshot(CallContext, wire::UnmountSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::DeleteLocalSnapshotResponse> deleteLocalSnapshot(CallContext, wire::DeleteLocalSnapshotRequest) { return notAvailable; }
+    virtual UnaryResult<wire::EnumerateDirectoryResponse> enumerateDirectory(CallContext, wire::EnumerateDirectoryRequest) { return notAvailable; }
+    virtual UnaryResult<wire::StatPathResponse> statPath(CallContext, wire::StatPathRequest) { return notAvailable; }
 };
 
 // The method table: one line per method.

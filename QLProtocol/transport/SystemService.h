@@ -18,9 +18,9 @@ class SystemServiceProvider {
 public:
     virtual ~SystemServiceProvider() = default;
 
-    virtual UnaryResult<wire::PingResponse> ping(wire::PingRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ShutdownResponse> shutdown(wire::ShutdownRequest) { return notAvailable; }
-    virtual UnaryResult<wire::CollectGeneralDiagnosticResponse> collectGeneralDiagnostic(wire::CollectGeneralDiagnosticRequest) { return notAvailable; }
+    virtual UnaryResult<wire::PingResponse> ping(CallContext, wire::PingRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ShutdownResponse> shutdown(CallContext, wire::ShutdownRequest) { return notAvailable; }
+    virtual UnaryResult<wire::CollectGeneralDiagnosticResponse> collectGeneralDiagnostic(CallContext, wire::CollectGeneralDiagnosticRequest) { return notAvailable; }
 };
 
 // The method table: one line per method.

@@ -19,12 +19,12 @@ class TileServiceProvider {
 public:
     virtual ~TileServiceProvider() = default;
 
-    virtual UnaryResult<wire::ListTilesResponse> listTiles(wire::ListTilesRequest) { return notAvailable; }
-    virtual UnaryResult<wire::CreateTileResponse> createTile(wire::CreateTileRequest) { return notAvailable; }
-    virtual UnaryResult<wire::UpdateTileResponse> updateTile(wire::UpdateTileRequest) { return notAvailable; }
-    virtual UnaryResult<wire::DeleteTileResponse> deleteTile(wire::DeleteTileRequest) { return notAvailable; }
-    virtual UnaryResult<wire::ReorderTilesResponse> reorderTiles(wire::ReorderTilesRequest) { return notAvailable; }
-    virtual StreamResult<wire::TileEvent> watchTiles(wire::WatchTilesRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ListTilesResponse> listTiles(CallContext, wire::ListTilesRequest) { return notAvailable; }
+    virtual UnaryResult<wire::CreateTileResponse> createTile(CallContext, wire::CreateTileRequest) { return notAvailable; }
+    virtual UnaryResult<wire::UpdateTileResponse> updateTile(CallContext, wire::UpdateTileRequest) { return notAvailable; }
+    virtual UnaryResult<wire::DeleteTileResponse> deleteTile(CallContext, wire::DeleteTileRequest) { return notAvailable; }
+    virtual UnaryResult<wire::ReorderTilesResponse> reorderTiles(CallContext, wire::ReorderTilesRequest) { return notAvailable; }
+    virtual StreamResult<wire::TileEvent> watchTiles(CallContext, wire::WatchTilesRequest) { return notAvailable; }
 };
 
 // The method table: one line per method.

@@ -178,8 +178,18 @@ asio::awaitable<void> serveConnection(std::shared_ptr<UDSServer::State> state, s
         co_return;
     }
 
+    // Who is calling, as the kernel saw the connection; every provider decides with it. A caller
+    // that can't be identified is refused: nothing may be done on an unknown person's behalf.
+    CallContext caller;
     std::optional<CallRefusal> refusal;
-    if (options.sessions) {
+    if (auto identified = CallContext::ofSocketPeer(connection->framed.socket().native_handle())) {
+        caller = *identified;
+    } else {
+        Log::f(tag, "refused {}: the caller's credentials could not be read (errno={})", request.method(),
+               identified.error());
+        refusal = CallRefusal::internalError("the server could not identify the caller of this connection");
+    }
+    if (!refusal && options.sessions) {
         const bool valid = co_await options.sessions->validate(request.session_token());
         if (!valid) {
             const auto* missing = request.session_token().empty() ? "without a session token"
@@ -200,7 +210,7 @@ asio::awaitable<void> serveConnection(std::shared_ptr<UDSServer::State> state, s
         } else {
             tl::expected<std::string, CallRefusal> result;
             try {
-                result = co_await state->handler->unary(request.method(), std::move(*request.mutable_body()));
+                result = co_await state->handler->unary(caller, request.method(), std::move(*request.mutable_body()));
             } catch (...) {
                 result = tl::unexpected(CallRefusal::internalError(describeException(std::current_exception())));
             }
@@ -220,7 +230,7 @@ asio::awaitable<void> serveConnection(std::shared_ptr<UDSServer::State> state, s
         if (!refusal) {
             tl::expected<std::unique_ptr<ServerItemStream>, CallRefusal> result;
             try {
-                result = co_await state->handler->stream(request.method(), std::move(*request.mutable_body()));
+                result = co_await state->handler->stream(caller, request.method(), std::move(*request.mutable_body()));
             } catch (...) {
                 result = tl::unexpected(CallRefusal::internalError(describeException(std::current_exception())));
             }

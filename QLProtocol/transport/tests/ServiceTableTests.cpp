@@ -47,11 +47,11 @@ TEST(ServiceTableTest, EverySchemaMethodRoutesAndOnlyWithItsOwnCallKind) {
             // The right call kind reaches the (base) provider.
             CallRefusal answer;
             if (stream) {
-                auto result = runOn(io, handler->stream(path, ""));
+                auto result = runOn(io, handler->stream(CallContext{}, path, ""));
                 ASSERT_FALSE(result) << path;
                 answer = result.error();
             } else {
-                auto result = runOn(io, handler->unary(path, ""));
+                auto result = runOn(io, handler->unary(CallContext{}, path, ""));
                 ASSERT_FALSE(result) << path;
                 answer = result.error();
             }
@@ -60,14 +60,14 @@ TEST(ServiceTableTest, EverySchemaMethodRoutesAndOnlyWithItsOwnCallKind) {
             // The other call kind is an unknown method naming the expected kind.
             CallRefusal wrongKind;
             if (stream) {
-                wrongKind = runOn(io, handler->unary(path, "")).error();
+                wrongKind = runOn(io, handler->unary(CallContext{}, path, "")).error();
             } else {
-                wrongKind = runOn(io, handler->stream(path, "")).error();
+                wrongKind = runOn(io, handler->stream(CallContext{}, path, "")).error();
             }
             EXPECT_EQ(wrongKind, CallRefusal::wrongCallKind(path, stream));
 
             // A misspelt method of a known service is unknown, not a decode error.
-            EXPECT_EQ(runOn(io, handler->unary(path + "s", "\xff")).error(), CallRefusal::unknownMethod(path + "s"));
+            EXPECT_EQ(runOn(io, handler->unary(CallContext{}, path + "s", "\xff")).error(), CallRefusal::unknownMethod(path + "s"));
             ++routed;
         }
     }

@@ -95,7 +95,7 @@ bool eventually(F condition, std::chrono::milliseconds limit = std::chrono::seco
 // Ping echoes its nonce; the other system methods stay "not available".
 class EchoSystemProvider final : public SystemServiceProvider {
 public:
-    UnaryResult<wire::PingResponse> ping(wire::PingRequest request) override {
+    UnaryResult<wire::PingResponse> ping(CallContext, wire::PingRequest request) override {
         ++calls;
         wire::PingResponse response;
         response.set_nonce(request.nonce());
@@ -114,7 +114,7 @@ class ScriptedCopyProvider final : public CopyServiceProvider {
 public:
     static constexpr int eventsPerStream = 50;
 
-    StreamResult<wire::ClonerEvent> joinRun(wire::JoinRunRequest request) override {
+    StreamResult<wire::ClonerEvent> joinRun(CallContext, wire::JoinRunRequest request) override {
         const auto script = request.run_id().value();
         if (script == "throw") throw std::runtime_error("the provider broke");
         if (script == "refuse") co_return tl::unexpected(HandlerError::failed("no such run"));
@@ -141,7 +141,7 @@ public:
         co_return std::move(consumer);
     }
 
-    UnaryResult<wire::RunControlResponse> cancelRun(wire::RunControlRequest request) override {
+    UnaryResult<wire::RunControlResponse> cancelRun(CallContext, wire::RunControlRequest request) override {
         if (request.run_id().value().empty()) co_return tl::unexpected(HandlerError::failed("no run with that id"));
         wire::RunControlResponse response;
         response.set_ok(true);
