@@ -307,9 +307,10 @@ asio::awaitable<tl::expected<void, TileStoreError>> CopyTileStore::removeOnStran
         co_return tl::unexpected(TileStoreError::noSuchTile());
     }
     Tiles candidate = tiles_;
+    const auto owner = candidate[id].owner_uid();
     candidate.erase(id);
     std::vector<CopyTileStoreEvent> events;
-    events.push_back(CopyTileStoreEvent::removed(id));
+    events.push_back(CopyTileStoreEvent::removed(id, owner));
     auto committed = co_await commit(std::move(candidate), std::move(events));
     if (!committed) {
         Log::line(tag, "delete id=" + id + " persist failed: " + committed.error().message);

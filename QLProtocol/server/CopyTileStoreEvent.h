@@ -2,6 +2,7 @@
 
 #include "QLProtocol/proto/tiles.pb.h"
 
+#include <cstdint>
 #include <string>
 #include <variant>
 
@@ -17,12 +18,16 @@ struct CopyTileStoreEvent {
     };
     struct Removed {
         std::string id;
+        // Whose job it was, so that only those who could see it hear that it went.
+        std::uint32_t ownerUid = 0;
     };
     std::variant<Added, Updated, Removed> change;
 
     static CopyTileStoreEvent added(ql4::transport::v1::CopyTile tile) { return {Added{std::move(tile)}}; }
     static CopyTileStoreEvent updated(ql4::transport::v1::CopyTile tile) { return {Updated{std::move(tile)}}; }
-    static CopyTileStoreEvent removed(std::string id) { return {Removed{std::move(id)}}; }
+    static CopyTileStoreEvent removed(std::string id, std::uint32_t ownerUid = 0) {
+        return {Removed{std::move(id), ownerUid}};
+    }
 
     // The id of the job the event is about.
     const std::string& tileID() const;

@@ -90,8 +90,9 @@ JobManager::JobManager(const Executor& executor, Collaborators collaborators, Se
 // ---- public operations: each runs on the strand ----
 
 asio::awaitable<JobManager::Submission> JobManager::enqueue(v1::CopyRequest request, RunKind kind,
-                                                            std::shared_ptr<JobRunnerFactory> runnerFactory) {
-    return serialized(enqueueOnStrand(std::move(request), kind, std::move(runnerFactory)));
+                                                            std::shared_ptr<JobRunnerFactory> runnerFactory,
+                                                            RunAuthority authority) {
+    return serialized(enqueueOnStrand(std::move(request), kind, std::move(runnerFactory), authority));
 }
 
 asio::awaitable<tl::expected<JobManager::Events::Consumer, JobManager::SubscribeError>> JobManager::subscribe(
@@ -111,7 +112,13 @@ asio::awaitable<v1::RunControlResponse> JobManager::resume(std::string runID) {
     return serialized(pauseOrResumeOnStrand(std::move(runID), false));
 }
 
-asio::awaitable<std::vector<v1::ActiveRun>> JobManager::listActive() { return serialized(listActiveOnStrand()); }
+asio::awaitable<std::vector<v1::ActiveRun>> JobManager::listActive(std::optional<std::uint32_t> ownedBy) {
+    return serialized(listActiveOnStrand(ownedBy));
+}
+
+asio::awaitable<std::optional<std::uint32_t>> JobManager::ownerOf(std::string runID) {
+    return serialized(ownerOfOnStrand(std::move(runID)));
+}
 
 asio::awaitable<bool> JobManager::hasActiveRuns() { return serialized(hasActiveRunsOnStrand()); }
 
@@ -136,7 +143,8 @@ asio::awaitable<void> JobManager::deferPowerAction(PowerAction action) {
 // ---- enqueue, subscribe ----
 
 asio::awaitable<JobManager::Submission> JobManager::enqueueOnStrand(v1::CopyRequest request, RunKind kind,
-                                                                    std::shared_ptr<JobRunnerFactory> runnerFactory) {
+                                                                    std::shared_ptr<JobRunnerFactory> runnerFactory,
+                                                                    RunAuthority authority) {
     forgetExpiredRuns();
     const bool isPreview = kind == RunKind::preview;
     if (isPreview) request.set_preview(true);
@@ -161,6 +169,7 @@ asio::awaitable<JobManager::Submission> JobManager::enqueueOnStrand(v1::CopyRequ
     run->sequence = ++nextSequence_;
     run->kind = kind;
     run->factory = runnerFactory ? std::move(runnerFactory) : deps_.factory;
+    run->authority = authority;
     run->tileID = request.tile_id();
     run->sourceVolumeUUID = request.source_volume_uuid();
     run->destinationVolumeUUID = request.destination_volume_uuid();
@@ -188,8 +197,9 @@ asio::awaitable<JobManager::Submission> JobManager::enqueueOnStrand(v1::CopyRequ
     queued.mutable_queued()->set_position_in_queue(position);
     queued.mutable_queued()->set_blocking_tile_id(blockingTile);
     forward(*run, std::move(queued));
-    Log::f(kTag, "enqueued runID={} tile={} kind={} position={}{}", RunIdText::hex(id), run->tileID, caseName(kind),
-           position, blockingTile.empty() ? std::string() : " blockedBy=" + blockingTile);
+    Log::f(kTag, "enqueued runID={} tile={} kind={} position={}{} as {}", RunIdText::hex(id), run->tileID,
+           caseName(kind), position, blockingTile.empty() ? std::string() : " blockedBy=" + blockingTile,
+           authority.describe());
 
     if (isDraining_) {
         // Nothing begins while the server shuts down: the run ends at once.
@@ -270,11 +280,13 @@ asio::awaitable<v1::RunControlResponse> JobManager::pauseOrResumeOnStrand(std::s
 
 // ---- queries ----
 
-asio::awaitable<std::vector<v1::ActiveRun>> JobManager::listActiveOnStrand() {
+asio::awaitable<std::vector<v1::ActiveRun>> JobManager::listActiveOnStrand(std::optional<std::uint32_t> ownedBy) {
     forgetExpiredRuns();
     std::vector<RunPtr> active;
-    for (const auto& [id, run] : runs_)
+    for (const auto& [id, run] : runs_) {
+        if (ownedBy && run->authority.ownerUid != *ownedBy) continue;
         if (run->state != State::terminated) active.push_back(run);
+    }
     std::sort(active.begin(), active.end(), [](const RunPtr& a, const RunPtr& b) { return a->sequence < b->sequence; });
     std::vector<v1::ActiveRun> out;
     for (const auto& run : active) {
@@ -289,6 +301,13 @@ asio::awaitable<std::vector<v1::ActiveRun>> JobManager::listActiveOnStrand() {
         out.push_back(std::move(entry));
     }
     co_return out;
+}
+
+asio::awaitable<std::optional<std::uint32_t>> JobManager::ownerOfOnStrand(std::string runID) {
+    forgetExpiredRuns();
+    auto run = find(runID);
+    if (!run) co_return std::nullopt;
+    co_return run->authority.ownerUid;
 }
 
 asio::awaitable<bool> JobManager::hasActiveRunsOnStrand() { co_return anyActive(); }
@@ -524,7 +543,7 @@ asio::awaitable<void> JobManager::drive(std::shared_ptr<JobManager> self, RunPtr
     try {
         v1::RunId runID;
         runID.set_value(run->id);
-        runner = run->factory->makeRunner(run->request, runID);
+        runner = run->factory->makeRunner(run->request, runID, run->authority);
         if (!runner) throw std::runtime_error("no runner could be made for this request");
         run->runner = runner;
         events = runner->run();

@@ -13,6 +13,7 @@
 #include "QLProtocol/server/RunLog.h"
 #include "QLProtocol/server/RunRecordSink.h"
 #include "QLProtocol/server/UnlockResultMailbox.h"
+#include "QLProtocol/server/access/RunAuthority.h"
 #include "QLSupport/Actor.h"
 #include "QLSupport/Clock.h"
 #include "QLSupport/EventStream.h"
@@ -104,9 +105,11 @@ public:
 
     // Registers a run for the request, or attaches the caller to the job's run of the same kind
     // that is already queued or running. `runnerFactory` replaces the manager's factory for this
-    // run (probe runs bring their own runner).
+    // run (probe runs bring their own runner). `authority` is whose run it is and with what
+    // rights its runner works; the default is a run of root's with the server's full reach.
     asio::awaitable<Submission> enqueue(ql4::transport::v1::CopyRequest request, RunKind kind,
-                                        std::shared_ptr<JobRunnerFactory> runnerFactory = nullptr);
+                                        std::shared_ptr<JobRunnerFactory> runnerFactory = nullptr,
+                                        RunAuthority authority = {});
 
     // Joins a run: its buffered state events, then its latest progress, then live events. A run
     // whose terminal was already delivered is replayed and the stream ends.
@@ -116,8 +119,12 @@ public:
     asio::awaitable<ql4::transport::v1::RunControlResponse> pause(std::string runID);
     asio::awaitable<ql4::transport::v1::RunControlResponse> resume(std::string runID);
 
-    // Queued and running runs, in the order they were enqueued.
-    asio::awaitable<std::vector<ql4::transport::v1::ActiveRun>> listActive();
+    // Queued and running runs, in the order they were enqueued; only those of `ownedBy` when
+    // given.
+    asio::awaitable<std::vector<ql4::transport::v1::ActiveRun>> listActive(
+        std::optional<std::uint32_t> ownedBy = std::nullopt);
+    // Whose run it is, while the manager still knows the run.
+    asio::awaitable<std::optional<std::uint32_t>> ownerOf(std::string runID);
     asio::awaitable<bool> hasActiveRuns();
     // A run that has not terminated names the volume as its source, destination or destination
     // group.
@@ -148,6 +155,7 @@ private:
         ql4::transport::v1::CopyRequest request;
         RunKind kind = RunKind::copy;
         std::shared_ptr<JobRunnerFactory> factory;
+        RunAuthority authority;
         std::string tileID;
         std::string sourceVolumeUUID;
         std::string destinationVolumeUUID;
@@ -187,11 +195,13 @@ private:
     using RunPtr = std::shared_ptr<Run>;
 
     asio::awaitable<Submission> enqueueOnStrand(ql4::transport::v1::CopyRequest request, RunKind kind,
-                                                std::shared_ptr<JobRunnerFactory> runnerFactory);
+                                                std::shared_ptr<JobRunnerFactory> runnerFactory,
+                                                RunAuthority authority);
     asio::awaitable<tl::expected<Events::Consumer, SubscribeError>> subscribeOnStrand(std::string runID);
     asio::awaitable<ql4::transport::v1::RunControlResponse> cancelOnStrand(std::string runID);
     asio::awaitable<ql4::transport::v1::RunControlResponse> pauseOrResumeOnStrand(std::string runID, bool pause);
-    asio::awaitable<std::vector<ql4::transport::v1::ActiveRun>> listActiveOnStrand();
+    asio::awaitable<std::vector<ql4::transport::v1::ActiveRun>> listActiveOnStrand(std::optional<std::uint32_t> ownedBy);
+    asio::awaitable<std::optional<std::uint32_t>> ownerOfOnStrand(std::string runID);
     asio::awaitable<bool> hasActiveRunsOnStrand();
     asio::awaitable<bool> isVolumeInUseOnStrand(std::string volumeUUID);
     asio::awaitable<void> drainOnStrand();

@@ -147,7 +147,7 @@ asio::awaitable<LiveSourceServiceProvider::Listing> LiveSourceServiceProvider::l
     co_return co_await offload(std::move(work));
 }
 
-UnaryResult<wire::ListVolumesResponse> LiveSourceServiceProvider::listVolumes(wire::ListVolumesRequest) {
+UnaryResult<wire::ListVolumesResponse> LiveSourceServiceProvider::listVolumes(CallContext, wire::ListVolumesRequest) {
     auto listing = co_await listOffPool();
     if (!listing) {
         Log::f("ListVolumes", "failed: {}", listing.error());
@@ -160,7 +160,7 @@ UnaryResult<wire::ListVolumesResponse> LiveSourceServiceProvider::listVolumes(wi
 
 // ---- Watching ------------------------------------------------------------------------------
 
-StreamResult<wire::VolumeEvent> LiveSourceServiceProvider::watchVolumes(wire::WatchVolumesRequest) {
+StreamResult<wire::VolumeEvent> LiveSourceServiceProvider::watchVolumes(CallContext, wire::WatchVolumesRequest) {
     auto [producer, consumer] = EventStream<wire::VolumeEvent>::make();
     auto added = co_await serialized(addWatcher(producer));
     if (!added) co_return tl::unexpected(HandlerError::failed(added.error()));
@@ -320,7 +320,7 @@ wire::GetVolumeInfoResponse LiveSourceServiceProvider::toWire(const Resolution& 
     return out;
 }
 
-UnaryResult<wire::GetVolumeInfoResponse> LiveSourceServiceProvider::getVolumeInfo(wire::GetVolumeInfoRequest request) {
+UnaryResult<wire::GetVolumeInfoResponse> LiveSourceServiceProvider::getVolumeInfo(CallContext, wire::GetVolumeInfoRequest request) {
     if (!c_.resolver) co_return tl::unexpected(HandlerError::notAvailable());
     auto ref = VolumeBridge::fromWire(request.ref());
     if (!ref) {
@@ -409,16 +409,39 @@ tl::expected<wire::EnumerateDirectoryResponse, std::string> LiveSourceServicePro
     return response;
 }
 
-UnaryResult<wire::StatPathResponse> LiveSourceServiceProvider::statPath(wire::StatPathRequest request) {
-    auto work = [path = request.path()] { return statNow(path); };
+std::optional<UserCredentials> LiveSourceServiceProvider::browsingRights(const CallContext& caller) const {
+    const bool administers = caller.isRoot() || caller.uid == c_.serverUid ||
+                             (c_.serverUid == static_cast<std::uint32_t>(-1) && caller.uid == ::geteuid());
+    if (administers) return std::nullopt;
+    UserCredentials user = UserCredentials::forIds(caller.uid, caller.gid, {caller.gid});
+    if (auto known = UserCredentials::forUser(caller.uid)) user = std::move(*known);
+    return user;
+}
+
+// Runs `read` with the caller's file rights on the pool thread, when the caller needs them.
+template <typename Read>
+static auto withRights(std::optional<UserCredentials> rights, Read read) -> decltype(read()) {
+    if (!rights) return read();
+    auto adopted = ThreadFileCredentials::adopt(*rights);
+    if (!adopted) return tl::unexpected(adopted.error());
+    return read();
+}
+
+UnaryResult<wire::StatPathResponse> LiveSourceServiceProvider::statPath(CallContext caller,
+                                                                        wire::StatPathRequest request) {
+    auto work = [rights = browsingRights(caller), path = request.path()] {
+        return withRights(rights, [&] { return statNow(path); });
+    };
     auto result = co_await offload(std::move(work));
     if (!result) co_return tl::unexpected(HandlerError::failed(result.error()));
     co_return std::move(*result);
 }
 
 UnaryResult<wire::EnumerateDirectoryResponse> LiveSourceServiceProvider::enumerateDirectory(
-    wire::EnumerateDirectoryRequest request) {
-    auto work = [path = request.path()] { return enumerateNow(path); };
+    CallContext caller, wire::EnumerateDirectoryRequest request) {
+    auto work = [rights = browsingRights(caller), path = request.path()] {
+        return withRights(rights, [&] { return enumerateNow(path); });
+    };
     auto result = co_await offload(std::move(work));
     if (!result) co_return tl::unexpected(HandlerError::failed(result.error()));
     co_return std::move(*result);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "QLSupport/ThreadFileCredentials.h"
+#include "QLSupport/UserCredentials.h"
 #include "QLModel/Resolution.h"
 #include "QLModel/VolumeResolver.h"
 #include "QLProtocol/server/MountTableWatch.h"
@@ -29,6 +31,11 @@ namespace ql {
 // change of the mount table lists the volumes again and sends each subscriber the difference
 // from the previous listing (appeared, disappeared, changed); changes that arrive while a
 // listing runs are folded into one more listing.
+//
+// Volume listings are public (the mount table is anyway). Folders are browsed with the caller's
+// own rights: for a caller who doesn't administer the server, the blocking-pool thread that
+// reads the folder takes on the caller's file credentials for that read
+// (`ThreadFileCredentials`), so the answer is exactly what the caller could see.
 class LiveSourceServiceProvider final : public SourceServiceProvider,
                                         public Actor,
                                         public std::enable_shared_from_this<LiveSourceServiceProvider> {
@@ -40,6 +47,8 @@ public:
         std::shared_ptr<VolumeResolver> resolver;
         // Where listings and folder reads run; without one, on the calling thread.
         std::shared_ptr<BlockingPool> pool;
+        // Decides whose rights folder reads use.
+        std::uint32_t serverUid = static_cast<std::uint32_t>(-1);
     };
 
     LiveSourceServiceProvider(const Executor& executor, Collaborators collaborators);
@@ -50,11 +59,16 @@ public:
                                                            std::shared_ptr<VolumeResolver> resolver,
                                                            std::shared_ptr<BlockingPool> pool);
 
-    UnaryResult<wire::ListVolumesResponse> listVolumes(wire::ListVolumesRequest request) override;
-    StreamResult<wire::VolumeEvent> watchVolumes(wire::WatchVolumesRequest request) override;
-    UnaryResult<wire::GetVolumeInfoResponse> getVolumeInfo(wire::GetVolumeInfoRequest request) override;
-    UnaryResult<wire::EnumerateDirectoryResponse> enumerateDirectory(wire::EnumerateDirectoryRequest request) override;
-    UnaryResult<wire::StatPathResponse> statPath(wire::StatPathRequest request) override;
+    UnaryResult<wire::ListVolumesResponse> listVolumes(CallContext, wire::ListVolumesRequest request) override;
+    StreamResult<wire::VolumeEvent> watchVolumes(CallContext, wire::WatchVolumesRequest request) override;
+    UnaryResult<wire::GetVolumeInfoResponse> getVolumeInfo(CallContext, wire::GetVolumeInfoRequest request) override;
+    UnaryResult<wire::EnumerateDirectoryResponse> enumerateDirectory(CallContext caller,
+                                                                     wire::EnumerateDirectoryRequest request) override;
+    UnaryResult<wire::StatPathResponse> statPath(CallContext caller, wire::StatPathRequest request) override;
+
+    // Whose file rights a folder read for this caller uses: nothing for an administrator (the
+    // server's own), the caller's otherwise.
+    std::optional<UserCredentials> browsingRights(const CallContext& caller) const;
 
     // Ends every watch stream, stops watching the mount table and waits for listings still on the
     // blocking pool (server shutdown).

@@ -62,12 +62,13 @@ LiveTileServiceProvider::LiveTileServiceProvider(const Executor& executor, CopyT
                                                  VolumeResolver& resolver, Options options)
     : Actor(executor), store_(store), resolver_(resolver), enricher_(resolver), options_(std::move(options)) {
     if (!options_.clock) options_.clock = std::make_shared<LiveClock>();
+    if (!options_.admission) options_.admission = std::make_shared<TileAdmission>(TileAdmission::Collaborators{});
 }
 
 LiveTileServiceProvider::~LiveTileServiceProvider() {
     if (volumeEvents_) volumeEvents_->stop();
     alive_.reset();
-    for (auto& [id, producer] : watchSubscribers_) producer.finish();
+    for (auto& [id, watcher] : watchSubscribers_) watcher.producer.finish();
 }
 
 asio::awaitable<void> LiveTileServiceProvider::stop() {
@@ -76,7 +77,7 @@ asio::awaitable<void> LiveTileServiceProvider::stop() {
 }
 
 asio::awaitable<void> LiveTileServiceProvider::stopOnStrand() {
-    for (auto& [id, producer] : watchSubscribers_) producer.finish();
+    for (auto& [id, watcher] : watchSubscribers_) watcher.producer.finish();
     watchSubscribers_.clear();
     co_return;
 }
@@ -116,21 +117,30 @@ asio::awaitable<void> LiveTileServiceProvider::pump(CopyTileStore::Events::Consu
         auto event = co_await events.next();
         if (alive.expired() || !event) co_return;
         wire::TileEvent out;
+        std::uint32_t owner = 0;
         if (auto* added = std::get_if<CopyTileStoreEvent::Added>(&event->change)) {
             auto tile = co_await withBindingStates(added->tile);
             if (alive.expired()) co_return;
+            owner = tile.owner_uid();
             *out.mutable_added() = std::move(tile);
         } else if (auto* updated = std::get_if<CopyTileStoreEvent::Updated>(&event->change)) {
             auto tile = co_await withBindingStates(updated->tile);
             if (alive.expired()) co_return;
+            owner = tile.owner_uid();
             *out.mutable_updated() = std::move(tile);
         } else {
-            const auto& id = std::get<CopyTileStoreEvent::Removed>(event->change).id;
-            bindingStates_.erase(id);
-            out.set_removed_id(id);
+            const auto& removed = std::get<CopyTileStoreEvent::Removed>(event->change);
+            bindingStates_.erase(removed.id);
+            owner = removed.ownerUid;
+            out.set_removed_id(removed.id);
         }
+        const auto& access = options_.admission->access();
         for (auto it = watchSubscribers_.begin(); it != watchSubscribers_.end();) {
-            it = it->second.push(out) ? std::next(it) : watchSubscribers_.erase(it);
+            if (!access.mayUse(it->second.caller, owner)) {
+                ++it;
+                continue;
+            }
+            it = it->second.producer.push(out) ? std::next(it) : watchSubscribers_.erase(it);
         }
     }
 }
@@ -299,22 +309,54 @@ asio::awaitable<void> LiveTileServiceProvider::erasePreviews(std::string tileID)
 // ---------------------------------------------------------------------------------------------
 // The service's methods
 
-UnaryResult<wire::ListTilesResponse> LiveTileServiceProvider::listTiles(wire::ListTilesRequest) {
-    return serialized(listOnStrand());
+UnaryResult<wire::ListTilesResponse> LiveTileServiceProvider::listTiles(CallContext caller, wire::ListTilesRequest) {
+    return serialized(listOnStrand(caller));
 }
 
-asio::awaitable<tl::expected<wire::ListTilesResponse, HandlerError>> LiveTileServiceProvider::listOnStrand() {
+asio::awaitable<tl::expected<wire::ListTilesResponse, HandlerError>> LiveTileServiceProvider::listOnStrand(
+    CallContext caller) {
     auto tiles = co_await store_.list();
     wire::ListTilesResponse response;
-    for (auto& tile : tiles) *response.add_tiles() = co_await withBindingStates(std::move(tile));
+    for (auto& tile : tiles) {
+        if (!options_.admission->access().mayUse(caller, tile)) continue;
+        *response.add_tiles() = co_await withBindingStates(std::move(tile));
+    }
     co_return response;
 }
 
-UnaryResult<wire::CreateTileResponse> LiveTileServiceProvider::createTile(wire::CreateTileRequest request) {
-    return serialized(createOnStrand(std::move(*request.mutable_tile())));
+asio::awaitable<std::optional<LiveTileServiceProvider::Tile>> LiveTileServiceProvider::visibleTile(
+    const CallContext& caller, std::string id) {
+    auto stored = co_await store_.get(id);
+    if (stored && !options_.admission->access().mayUse(caller, *stored)) {
+        Log::f(serviceTag, "tile {} belongs to uid {}, not to the caller ({}) — answered as missing", id,
+               stored->owner_uid(), caller.describe());
+        stored.reset();
+    }
+    co_return stored;
 }
 
-asio::awaitable<tl::expected<wire::CreateTileResponse, HandlerError>> LiveTileServiceProvider::createOnStrand(Tile tile) {
+asio::awaitable<TileAdmission::EndpointPaths> LiveTileServiceProvider::endpointPaths(Tile tile) {
+    TileAdmission::EndpointPaths paths;
+    for (Side side : bothSides) {
+        const auto& binding = sideOf(tile, side);
+        auto resolution = co_await enricher_.resolve(binding);
+        const auto* state = resolution ? resolution->state() : nullptr;
+        auto mount = state ? TileBinding::mountPointOf(*state) : std::nullopt;
+        if (!mount) continue;
+        auto path = TileBinding::folderOn(*mount, binding.subpath());
+        (side == Side::source ? paths.source : paths.destination) = std::move(path);
+    }
+    co_return paths;
+}
+
+UnaryResult<wire::CreateTileResponse> LiveTileServiceProvider::createTile(CallContext caller,
+                                                                         wire::CreateTileRequest request) {
+    const bool asAdministrator = request.as_administrator();
+    return serialized(createOnStrand(caller, std::move(*request.mutable_tile()), asAdministrator));
+}
+
+asio::awaitable<tl::expected<wire::CreateTileResponse, HandlerError>> LiveTileServiceProvider::createOnStrand(
+    CallContext caller, Tile tile, bool asAdministrator) {
     if (tile.id().empty()) tile.set_id(Uuid::mint().text());
     const std::string id = tile.id();
     Log::line(serviceTag, "createTile entering id=" + id);
@@ -334,6 +376,18 @@ asio::awaitable<tl::expected<wire::CreateTileResponse, HandlerError>> LiveTileSe
                                   ", volume_uuid set=" + flag(!outcome.binding.volume_uuid().empty()) +
                                   ", complete=" + flag(outcome.enriched()) + ")");
     }
+    TileAdmission::EndpointPaths paths;
+    if (!options_.admission->access().administers(caller)) paths = co_await endpointPaths(tile);
+    auto admitted = co_await options_.admission->admitNew(caller, tile, asAdministrator, std::move(paths));
+    if (!admitted) {
+        Log::line(serviceTag, "createTile id=" + id + " refused: " + admitted.error());
+        bindingStates_.erase(id);
+        co_return tl::unexpected(HandlerError::failed(admitted.error()));
+    }
+    if (co_await store_.get(id)) {
+        Log::line(serviceTag, "createTile id=" + id + " refused: a job with this id exists");
+        co_return tl::unexpected(TileServiceError::duplicateID(id).handlerError());
+    }
     auto stored = co_await store_.upsert(tile, TileWriteOrigin::client);
     if (!stored) {
         Log::line(serviceTag, "createTile id=" + id + " store.upsert FAILED: " + stored.error().message);
@@ -346,16 +400,18 @@ asio::awaitable<tl::expected<wire::CreateTileResponse, HandlerError>> LiveTileSe
     co_return response;
 }
 
-UnaryResult<wire::UpdateTileResponse> LiveTileServiceProvider::updateTile(wire::UpdateTileRequest request) {
+UnaryResult<wire::UpdateTileResponse> LiveTileServiceProvider::updateTile(CallContext caller,
+                                                                         wire::UpdateTileRequest request) {
     const bool clearsPreview = request.clears_preview();
-    return serialized(updateOnStrand(std::move(*request.mutable_tile()), clearsPreview));
+    const bool asAdministrator = request.as_administrator();
+    return serialized(updateOnStrand(caller, std::move(*request.mutable_tile()), clearsPreview, asAdministrator));
 }
 
 asio::awaitable<tl::expected<wire::UpdateTileResponse, HandlerError>> LiveTileServiceProvider::updateOnStrand(
-    Tile tile, bool clearsPreview) {
+    CallContext caller, Tile tile, bool clearsPreview, bool asAdministrator) {
     const std::string id = tile.id();
     if (id.empty()) co_return tl::unexpected(TileServiceError::idRequired().handlerError());
-    auto stored = co_await store_.get(id);
+    auto stored = co_await visibleTile(caller, id);
     if (!stored) {
         Log::line(serviceTag, "updateTile id=" + id + ": no such job");
         co_return tl::unexpected(TileServiceError::noSuchTile().handlerError());
@@ -364,6 +420,15 @@ asio::awaitable<tl::expected<wire::UpdateTileResponse, HandlerError>> LiveTileSe
     tile.clear_destination_binding_state();
     for (Side side : bothSides) {
         *mutableSide(tile, side) = co_await applyChangeRules(id, side, sideOf(tile, side), sideOf(*stored, side));
+    }
+    TileAdmission::EndpointPaths paths;
+    Tile owned = tile;
+    owned.set_owner_uid(stored->owner_uid());
+    if (options_.admission->access().authorityFor(owned).ownerRightsOnly) paths = co_await endpointPaths(tile);
+    auto admitted = co_await options_.admission->admitChange(caller, *stored, tile, asAdministrator, std::move(paths));
+    if (!admitted) {
+        Log::line(serviceTag, "updateTile id=" + id + " refused: " + admitted.error());
+        co_return tl::unexpected(HandlerError::failed(admitted.error()));
     }
     auto written = co_await store_.upsert(tile, TileWriteOrigin::client);
     if (!written) {
@@ -430,13 +495,15 @@ asio::awaitable<Binding> LiveTileServiceProvider::applyChangeRules(std::string t
     co_return withSubpath(stored, incoming);
 }
 
-UnaryResult<wire::DeleteTileResponse> LiveTileServiceProvider::deleteTile(wire::DeleteTileRequest request) {
-    return serialized(deleteOnStrand(std::move(*request.mutable_id())));
+UnaryResult<wire::DeleteTileResponse> LiveTileServiceProvider::deleteTile(CallContext caller,
+                                                                         wire::DeleteTileRequest request) {
+    return serialized(deleteOnStrand(caller, std::move(*request.mutable_id())));
 }
 
 asio::awaitable<tl::expected<wire::DeleteTileResponse, HandlerError>> LiveTileServiceProvider::deleteOnStrand(
-    std::string id) {
+    CallContext caller, std::string id) {
     if (id.empty()) co_return tl::unexpected(TileServiceError::idRequired().handlerError());
+    if (!co_await visibleTile(caller, id)) co_return tl::unexpected(TileServiceError::noSuchTile().handlerError());
     auto removed = co_await store_.remove(id);
     if (!removed) {
         if (removed.error().kind == TileStoreError::Kind::noSuchTile) {
@@ -450,13 +517,39 @@ asio::awaitable<tl::expected<wire::DeleteTileResponse, HandlerError>> LiveTileSe
     co_return wire::DeleteTileResponse{};
 }
 
-UnaryResult<wire::ReorderTilesResponse> LiveTileServiceProvider::reorderTiles(wire::ReorderTilesRequest request) {
+UnaryResult<wire::ReorderTilesResponse> LiveTileServiceProvider::reorderTiles(CallContext caller,
+                                                                             wire::ReorderTilesRequest request) {
     std::vector<std::string> ids(request.tile_ids().begin(), request.tile_ids().end());
-    return serialized(reorderOnStrand(std::move(ids)));
+    return serialized(reorderOnStrand(caller, std::move(ids)));
 }
 
 asio::awaitable<tl::expected<wire::ReorderTilesResponse, HandlerError>> LiveTileServiceProvider::reorderOnStrand(
-    std::vector<std::string> ids) {
+    CallContext caller, std::vector<std::string> ids) {
+    const auto& access = options_.admission->access();
+    if (!access.administers(caller)) {
+        // A user orders only their own jobs: the slots their jobs hold in the whole order are
+        // refilled in the order they asked for; everyone else's jobs keep their places.
+        auto tiles = co_await store_.list();
+        std::vector<std::string> mine;
+        for (const auto& id : ids) {
+            auto it = std::find_if(tiles.begin(), tiles.end(), [&](const Tile& t) { return t.id() == id; });
+            if (it != tiles.end() && access.mayUse(caller, *it) &&
+                std::find(mine.begin(), mine.end(), id) == mine.end()) {
+                mine.push_back(id);
+            }
+        }
+        std::vector<std::string> whole;
+        std::size_t next = 0;
+        for (const auto& tile : tiles) {
+            const bool named = std::find(mine.begin(), mine.end(), tile.id()) != mine.end();
+            if (named) {
+                whole.push_back(mine[next++]);
+            } else {
+                whole.push_back(tile.id());
+            }
+        }
+        ids = std::move(whole);
+    }
     auto reordered = co_await store_.reorder(std::move(ids));
     if (!reordered) {
         co_return tl::unexpected(TileServiceError::persistenceFailed(reordered.error().message).handlerError());
@@ -464,18 +557,19 @@ asio::awaitable<tl::expected<wire::ReorderTilesResponse, HandlerError>> LiveTile
     co_return wire::ReorderTilesResponse{};
 }
 
-StreamResult<wire::TileEvent> LiveTileServiceProvider::watchTiles(wire::WatchTilesRequest) {
-    return serialized(watchOnStrand());
+StreamResult<wire::TileEvent> LiveTileServiceProvider::watchTiles(CallContext caller, wire::WatchTilesRequest) {
+    return serialized(watchOnStrand(caller));
 }
 
-asio::awaitable<tl::expected<ServerStream<wire::TileEvent>, HandlerError>> LiveTileServiceProvider::watchOnStrand() {
+asio::awaitable<tl::expected<ServerStream<wire::TileEvent>, HandlerError>> LiveTileServiceProvider::watchOnStrand(
+    CallContext caller) {
     if (!pumping_) {
         pumping_ = true;
         auto events = co_await store_.subscribe();
         spawnDetached(pump(std::move(events)), std::string(tag));
     }
     auto [producer, consumer] = EventStream<wire::TileEvent>::make();
-    watchSubscribers_[Uuid::mint()] = producer;
+    watchSubscribers_[Uuid::mint()] = Watcher{caller, producer};
     Log::f(serviceTag, "watchTiles: {} watcher(s)", watchSubscribers_.size());
     co_return std::move(consumer);
 }

@@ -5,6 +5,8 @@
 #include "QLProtocol/server/CanonicalShareURL.h"
 #include "QLSupport/Uuid.h"
 
+#include <filesystem>
+
 #include <google/protobuf/util/message_differencer.h>
 
 namespace ql {
@@ -183,6 +185,29 @@ std::string TileBinding::label(const Binding& binding) {
     if (!binding.bsd_device_hint().empty()) return binding.bsd_device_hint();
     if (!binding.network_url().empty()) return binding.network_url();
     return "<unnamed>";
+}
+
+std::optional<std::string> TileBinding::mountPointOf(const CurrentVolumeState& state) {
+    if (state.standaloneVolume) return state.standaloneVolume->mountPoint;
+    if (!state.containerState) return std::nullopt;
+    const auto& volumes = state.containerState->allVolumes;
+    for (const auto& volume : volumes) {
+        if (volume.role == APFSVolumeRole::data() && volume.mountPoint) return volume.mountPoint;
+    }
+    for (const auto& volume : volumes) {
+        if (volume.mountPoint) return volume.mountPoint;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> TileBinding::folderOn(const std::string& mount, const std::string& subpath) {
+    namespace fs = std::filesystem;
+    if (subpath.empty()) return mount;
+    const auto relative = fs::path(subpath).relative_path().lexically_normal();
+    if (relative.empty() || *relative.begin() == "..") return std::nullopt;
+    auto composed = (fs::path(mount) / relative).lexically_normal().string();
+    while (composed.size() > 1 && composed.back() == '/') composed.pop_back();
+    return composed;
 }
 
 }  // namespace ql

@@ -43,6 +43,12 @@ struct TileBinding {
 
     // "Backup" or, without a name, the device hint or URL: how log lines name a binding.
     static std::string label(const Binding& binding);
+
+    // Where a resolved volume is mounted: the volume itself, or for an APFS container its Data
+    // volume (else any mounted member).
+    static std::optional<std::string> mountPointOf(const CurrentVolumeState& state);
+    // The binding's folder on a volume mounted at `mount`; nothing for a subpath that climbs out.
+    static std::optional<std::string> folderOn(const std::string& mount, const std::string& subpath);
 };
 
 }  // namespace ql

@@ -1,7 +1,9 @@
 #include "QLProtocol/server/TileStateBroker.h"
 
 #include "QLProtocol/server/CopyTileStore.h"
+#include "QLProtocol/server/access/OwnedStateFolder.h"
 #include "QLSupport/AtomicFile.h"
+#include "QLSupport/UserCredentials.h"
 #include "QLSupport/Log.h"
 
 #include <cerrno>
@@ -28,12 +30,77 @@ LiveTileStateBroker::LiveTileStateBroker(CopyTileStore& store, std::filesystem::
                                          std::uint32_t engineStateVersion)
     : store_(store), directory_(std::move(directory)), engineStateVersion_(engineStateVersion) {}
 
-std::filesystem::path LiveTileStateBroker::stateFile(const std::string& tileID) const {
-    return directory_ / (fileNamePart(tileID) + ".fsstate");
+std::filesystem::path LiveTileStateBroker::stateFile(const std::string& tileID, std::uint32_t engineUid) const {
+    const auto name = fileNamePart(tileID) + ".fsstate";
+    if (engineUid == 0) return directory_ / name;
+    return directory_ / "users" / std::to_string(engineUid) / name;
 }
 
-asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materialize(std::string tileID) {
-    const auto file = stateFile(tileID);
+tl::expected<OwnedStateFolder, std::string> LiveTileStateBroker::ownedFolder(std::uint32_t engineUid) const {
+    auto user = UserCredentials::forUser(engineUid);
+    if (!user) return tl::unexpected(user.error());
+    return OwnedStateFolder::prepare(directory_ / "users", user->uid, user->gid);
+}
+
+asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materializeOwned(std::string tileID,
+                                                                                    std::uint32_t engineUid) {
+    const auto name = fileNamePart(tileID) + ".fsstate";
+    auto folder = ownedFolder(engineUid);
+    if (folder) folder->remove(name);
+    auto tile = co_await store_.get(tileID);
+    std::string disposition;
+    if (!folder) {
+        Log::line(tag, "materialize failed for id=" + tileID + ": " + folder.error());
+        disposition = "write_failed";
+    } else if (!tile) {
+        disposition = "tile_missing";
+    } else if (tile->fs_events_state().empty()) {
+        disposition = "blob_empty";
+    } else if (tile->fs_events_state_version() != engineStateVersion_) {
+        disposition = "version_mismatch";
+    } else if (auto written = folder->write(name, tile->fs_events_state()); !written) {
+        Log::line(tag, "materialize failed for id=" + tileID + ": " + written.error());
+        disposition = "write_failed";
+    } else {
+        disposition = "usable";
+    }
+    Log::f(tag, "materialize id={} for uid {} → {}", tileID, engineUid, disposition);
+    co_return Materialized{disposition, disposition == "usable" ? folder->file(name) : std::filesystem::path{}};
+}
+
+asio::awaitable<std::string> LiveTileStateBroker::captureOwned(std::string tileID, std::uint32_t engineUid) {
+    const auto name = fileNamePart(tileID) + ".fsstate";
+    auto folder = ownedFolder(engineUid);
+    std::string disposition;
+    if (!folder) {
+        Log::line(tag, "capture read failed for id=" + tileID + ": " + folder.error());
+        co_return std::string("read_failed");
+    }
+    auto bytes = folder->read(name);
+    if (!bytes) {
+        if (bytes.error() == ENOENT) {
+            disposition = "file_missing";
+        } else {
+            Log::line(tag, "capture read failed for id=" + tileID + ": " + std::strerror(bytes.error()));
+            disposition = "read_failed";
+        }
+    } else if (bytes->empty()) {
+        disposition = "file_empty";
+    } else {
+        auto stored = co_await store_.setFsEventsState(tileID, *bytes, engineStateVersion_);
+        disposition = !stored                                                  ? "persist_failed"
+                      : *stored == CopyTileStore::DaemonWrite::skippedNoTile ? "skipped_no_tile"
+                                                                               : "persisted";
+    }
+    folder->remove(name);
+    Log::f(tag, "capture id={} for uid {} → {}", tileID, engineUid, disposition);
+    co_return disposition;
+}
+
+asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materialize(std::string tileID,
+                                                                               std::uint32_t engineUid) {
+    if (engineUid != 0) co_return co_await materializeOwned(std::move(tileID), engineUid);
+    const auto file = stateFile(tileID, 0);
     std::error_code ignored;
     // Whatever an earlier run left is never taken for this run's starting point.
     std::filesystem::remove(file, ignored);
@@ -67,8 +134,9 @@ asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materialize(
     co_return Materialized{disposition, disposition == "usable" ? file : std::filesystem::path{}};
 }
 
-asio::awaitable<std::string> LiveTileStateBroker::capture(std::string tileID) {
-    const auto file = stateFile(tileID);
+asio::awaitable<std::string> LiveTileStateBroker::capture(std::string tileID, std::uint32_t engineUid) {
+    if (engineUid != 0) co_return co_await captureOwned(std::move(tileID), engineUid);
+    const auto file = stateFile(tileID, 0);
     auto bytes = AtomicFile::read(file);
     std::string disposition;
     if (!bytes) {

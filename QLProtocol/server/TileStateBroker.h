@@ -1,6 +1,9 @@
 #pragma once
 
+#include "QLProtocol/server/access/OwnedStateFolder.h"
+
 #include <asio.hpp>
+#include <tl/expected.hpp>
 
 #include <cstdint>
 #include <filesystem>
@@ -27,18 +30,23 @@ public:
     };
 
     virtual ~TileStateBroker() = default;
-    virtual asio::awaitable<Materialized> materialize(std::string tileID) = 0;
-    virtual asio::awaitable<std::string> capture(std::string tileID) = 0;
+    // `engineUid` is the user the engine runs as: root's engine keeps its state in the broker's
+    // folder, another user's in a folder of that user's own ("users/<uid>", see
+    // `OwnedStateFolder`), because the engine rewrites the file in place of the old one.
+    virtual asio::awaitable<Materialized> materialize(std::string tileID, std::uint32_t engineUid) = 0;
+    virtual asio::awaitable<std::string> capture(std::string tileID, std::uint32_t engineUid) = 0;
     // Where the engine writes the state of this job's run.
-    virtual std::filesystem::path stateFile(const std::string& tileID) const = 0;
+    virtual std::filesystem::path stateFile(const std::string& tileID, std::uint32_t engineUid) const = 0;
 };
 
 // Used when incremental scanning is unavailable: every run scans fully.
 class NoOpTileStateBroker final : public TileStateBroker {
 public:
-    asio::awaitable<Materialized> materialize(std::string) override { co_return Materialized{"blob_empty", {}}; }
-    asio::awaitable<std::string> capture(std::string) override { co_return std::string("file_missing"); }
-    std::filesystem::path stateFile(const std::string&) const override { return {}; }
+    asio::awaitable<Materialized> materialize(std::string, std::uint32_t) override {
+        co_return Materialized{"blob_empty", {}};
+    }
+    asio::awaitable<std::string> capture(std::string, std::uint32_t) override { co_return std::string("file_missing"); }
+    std::filesystem::path stateFile(const std::string&, std::uint32_t) const override { return {}; }
 };
 
 // Keeps one file per job, "<job id>.fsstate" in the "FSEventsState" folder of the state
@@ -47,11 +55,15 @@ class LiveTileStateBroker final : public TileStateBroker {
 public:
     LiveTileStateBroker(CopyTileStore& store, std::filesystem::path directory, std::uint32_t engineStateVersion);
 
-    asio::awaitable<Materialized> materialize(std::string tileID) override;
-    asio::awaitable<std::string> capture(std::string tileID) override;
-    std::filesystem::path stateFile(const std::string& tileID) const override;
+    asio::awaitable<Materialized> materialize(std::string tileID, std::uint32_t engineUid) override;
+    asio::awaitable<std::string> capture(std::string tileID, std::uint32_t engineUid) override;
+    std::filesystem::path stateFile(const std::string& tileID, std::uint32_t engineUid) const override;
 
 private:
+    tl::expected<OwnedStateFolder, std::string> ownedFolder(std::uint32_t engineUid) const;
+    asio::awaitable<Materialized> materializeOwned(std::string tileID, std::uint32_t engineUid);
+    asio::awaitable<std::string> captureOwned(std::string tileID, std::uint32_t engineUid);
+
     CopyTileStore& store_;
     std::filesystem::path directory_;
     std::uint32_t engineStateVersion_;

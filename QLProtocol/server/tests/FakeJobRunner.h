@@ -129,8 +129,13 @@ public:
 
 class FakeJobRunnerFactory final : public JobRunnerFactory {
 public:
-    std::shared_ptr<JobRunner> makeRunner(const v1::CopyRequest& request, const v1::RunId& runID) override {
+    std::shared_ptr<JobRunner> makeRunner(const v1::CopyRequest& request, const v1::RunId& runID,
+                                          const RunAuthority& authority) override {
         if (throwOnMake) throw std::runtime_error("the runner could not be built");
+        {
+            std::lock_guard lock(mutex);
+            authorities.push_back(authority);
+        }
         auto runner = std::make_shared<FakeJobRunner>(request, runID);
         if (configure) configure(*runner);
         std::lock_guard lock(mutex);
@@ -157,6 +162,7 @@ public:
         return made.size();
     }
 
+    std::vector<RunAuthority> authorities;
     mutable std::mutex mutex;
     std::vector<std::shared_ptr<FakeJobRunner>> made;
     std::function<void(FakeJobRunner&)> configure;

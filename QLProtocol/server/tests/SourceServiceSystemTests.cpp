@@ -103,7 +103,7 @@ TEST(SourceServiceSystem, ListsTheRootFilesystemAndALoopMountedFilesystemAndWatc
     if (!volume.formatted()) GTEST_SKIP() << "mkfs.ext4 could not format a test image here";
 
     LiveWorld world;
-    auto watch = world.loop.run(world.provider->watchVolumes({}));
+    auto watch = world.loop.run(world.provider->watchVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(watch) << watch.error().message;
 
     if (!volume.mount()) GTEST_SKIP() << "this machine can't loop-mount an ext4 image (no loop devices?)";
@@ -115,7 +115,7 @@ TEST(SourceServiceSystem, ListsTheRootFilesystemAndALoopMountedFilesystemAndWatc
     EXPECT_EQ(appeared->appeared().name(), "QLSourceTest");
     EXPECT_EQ(device.rfind("loop", 0), 0u) << device;
 
-    auto listed = world.loop.run(world.provider->listVolumes({}));
+    auto listed = world.loop.run(world.provider->listVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(listed) << listed.error().message;
     const auto* root = find(*listed, "/");
     ASSERT_NE(root, nullptr) << "the root filesystem is not listed";
@@ -142,7 +142,7 @@ TEST(SourceServiceSystem, ListsTheRootFilesystemAndALoopMountedFilesystemAndWatc
     ASSERT_TRUE(bound) << bound.error().message;
     wire::GetVolumeInfoRequest request;
     *request.mutable_ref() = VolumeBridge::toWire(*bound);
-    auto info = world.loop.run(world.provider->getVolumeInfo(request));
+    auto info = world.loop.run(world.provider->getVolumeInfo(ql::CallContext::ofThisProcess(), request));
     ASSERT_TRUE(info) << info.error().message;
     EXPECT_EQ(info->resolution(), wire::GetVolumeInfoResponse::RES_OK);
     EXPECT_EQ(info->state().plain_volume().mount_point(), volume.mountPoint().string());
@@ -152,7 +152,7 @@ TEST(SourceServiceSystem, ListsTheRootFilesystemAndALoopMountedFilesystemAndWatc
     ASSERT_TRUE(gone) << "no disappeared event after unmounting";
     EXPECT_EQ(gone->disappeared().volume_uuid(), loop->volume_uuid());
 
-    listed = world.loop.run(world.provider->listVolumes({}));
+    listed = world.loop.run(world.provider->listVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(listed);
     EXPECT_EQ(find(*listed, volume.mountPoint().string()), nullptr);
 }

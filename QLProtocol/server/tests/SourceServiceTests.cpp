@@ -324,7 +324,7 @@ TEST(LiveSourceServiceProvider, ListsTheListedVolumesWithTheLogLine) {
                        listedVolume("ESP", "/boot/efi", "vda1", "U2", "vfat"),
                        listedVolume("Backup", "/mnt/backup", "loop0", "U3")});
     LogCapture log;
-    auto listed = world.loop.run(world.provider->listVolumes({}));
+    auto listed = world.loop.run(world.provider->listVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(listed) << listed.error().message;
     ASSERT_EQ(listed->volumes_size(), 2);
     EXPECT_EQ(listed->volumes(0).name(), "Root filesystem");
@@ -335,7 +335,7 @@ TEST(LiveSourceServiceProvider, ListsTheListedVolumesWithTheLogLine) {
 TEST(LiveSourceServiceProvider, AFailedListingIsAnErrorNeverAnEmptyList) {
     ProviderWorld world;
     world.lister->fail("could not read the mount table /proc/self/mountinfo: Permission denied");
-    auto listed = world.loop.run(world.provider->listVolumes({}));
+    auto listed = world.loop.run(world.provider->listVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_FALSE(listed);
     EXPECT_EQ(listed.error().message,
               "could not list the volumes: could not read the mount table /proc/self/mountinfo: Permission denied");
@@ -344,8 +344,8 @@ TEST(LiveSourceServiceProvider, AFailedListingIsAnErrorNeverAnEmptyList) {
 TEST(LiveSourceServiceProvider, WatchSendsTheChangesOfEachMountTableChangeToEverySubscriber) {
     ProviderWorld world;
     world.lister->set({listedVolume("Root", "/", "vda", "U1")});
-    auto first = world.loop.run(world.provider->watchVolumes({}));
-    auto second = world.loop.run(world.provider->watchVolumes({}));
+    auto first = world.loop.run(world.provider->watchVolumes(ql::CallContext::ofThisProcess(), {}));
+    auto second = world.loop.run(world.provider->watchVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(first && second);
     EXPECT_EQ(world.watch->starts(), 1) << "one mount-table watch serves every subscriber";
 
@@ -368,7 +368,7 @@ TEST(LiveSourceServiceProvider, TheWatchStopsWhenTheLastSubscriberGoesAway) {
     ProviderWorld world;
     world.lister->set({listedVolume("Root", "/", "vda", "U1")});
     {
-        auto stream = world.loop.run(world.provider->watchVolumes({}));
+        auto stream = world.loop.run(world.provider->watchVolumes(ql::CallContext::ofThisProcess(), {}));
         ASSERT_TRUE(stream);
         EXPECT_TRUE(world.watch->running());
     }
@@ -377,7 +377,7 @@ TEST(LiveSourceServiceProvider, TheWatchStopsWhenTheLastSubscriberGoesAway) {
 
     // A new subscriber starts it again, against a fresh listing.
     world.lister->set({listedVolume("Root", "/", "vda", "U1"), listedVolume("Stick", "/mnt/stick", "sdb1", "U2")});
-    auto stream = world.loop.run(world.provider->watchVolumes({}));
+    auto stream = world.loop.run(world.provider->watchVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(stream);
     EXPECT_EQ(world.watch->starts(), 2);
     world.watch->fire();
@@ -386,7 +386,7 @@ TEST(LiveSourceServiceProvider, TheWatchStopsWhenTheLastSubscriberGoesAway) {
 
 TEST(LiveSourceServiceProvider, ShutdownEndsEveryWatchStream) {
     ProviderWorld world;
-    auto stream = world.loop.run(world.provider->watchVolumes({}));
+    auto stream = world.loop.run(world.provider->watchVolumes(ql::CallContext::ofThisProcess(), {}));
     ASSERT_TRUE(stream);
     world.loop.run(world.provider->shutdown());
     EXPECT_EQ(world.nextEvent(*stream), "end");
@@ -395,7 +395,7 @@ TEST(LiveSourceServiceProvider, ShutdownEndsEveryWatchStream) {
 
 TEST(LiveSourceServiceProvider, WithoutAResolverVolumeInfoIsNotAvailable) {
     ProviderWorld world;
-    auto info = world.loop.run(world.provider->getVolumeInfo({}));
+    auto info = world.loop.run(world.provider->getVolumeInfo(ql::CallContext::ofThisProcess(), {}));
     ASSERT_FALSE(info);
     EXPECT_EQ(info.error().description("/ql4.transport.v1.SourceService/GetVolumeInfo"),
               "/ql4.transport.v1.SourceService/GetVolumeInfo is not available on this server");

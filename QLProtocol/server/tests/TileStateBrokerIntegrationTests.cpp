@@ -68,10 +68,10 @@ TEST_F(TileStateBrokerTest, MaterializeWritesOnlyAStateTheEngineCanUse) {
     for (const auto& c : cases) {
         // A file an earlier run left behind never counts as this run's starting point.
         fs::create_directories(dir / "FSEventsState");
-        std::ofstream(broker.stateFile(c.id)) << "left over";
-        auto materialized = runSync(io, broker.materialize(c.id));
+        std::ofstream(broker.stateFile(c.id, 0)) << "left over";
+        auto materialized = runSync(io, broker.materialize(c.id, 0));
         EXPECT_EQ(materialized.disposition, c.disposition) << c.id;
-        EXPECT_EQ(fs::exists(broker.stateFile(c.id)), c.fileWritten) << c.id;
+        EXPECT_EQ(fs::exists(broker.stateFile(c.id, 0)), c.fileWritten) << c.id;
         EXPECT_EQ(materialized.file.empty(), !c.fileWritten) << c.id;
         if (c.fileWritten) {
             EXPECT_EQ(readFile(materialized.file), "scan state");
@@ -94,9 +94,9 @@ TEST_F(TileStateBrokerTest, CaptureStoresWhatTheEngineLeftAndRemovesTheFile) {
     };
     for (const auto& c : cases) {
         fs::create_directories(dir / "FSEventsState");
-        if (c.fileContents) std::ofstream(broker.stateFile(c.id)) << *c.fileContents;
-        EXPECT_EQ(runSync(io, broker.capture(c.id)), c.disposition) << c.id;
-        EXPECT_FALSE(fs::exists(broker.stateFile(c.id))) << c.id;
+        if (c.fileContents) std::ofstream(broker.stateFile(c.id, 0)) << *c.fileContents;
+        EXPECT_EQ(runSync(io, broker.capture(c.id, 0)), c.disposition) << c.id;
+        EXPECT_FALSE(fs::exists(broker.stateFile(c.id, 0))) << c.id;
     }
     auto job = runSync(io, store.get("JOB"));
     ASSERT_TRUE(job);
@@ -104,14 +104,14 @@ TEST_F(TileStateBrokerTest, CaptureStoresWhatTheEngineLeftAndRemovesTheFile) {
     EXPECT_EQ(job->fs_events_state_version(), kEngineVersion);
 
     // What was captured is what the next run starts from.
-    auto next = runSync(io, broker.materialize("JOB"));
+    auto next = runSync(io, broker.materialize("JOB", 0));
     EXPECT_EQ(next.disposition, "usable");
     EXPECT_EQ(readFile(next.file), "new state");
 }
 
 TEST_F(TileStateBrokerTest, JobIdsNeverEscapeTheStateFolder) {
-    EXPECT_EQ(broker.stateFile("../../etc/passwd").parent_path(), dir / "FSEventsState");
-    EXPECT_EQ(broker.stateFile("").filename(), "_.fsstate");
+    EXPECT_EQ(broker.stateFile("../../etc/passwd", 0).parent_path(), dir / "FSEventsState");
+    EXPECT_EQ(broker.stateFile("", 0).filename(), "_.fsstate");
 }
 
 }  // namespace
