@@ -27,7 +27,8 @@ std::string CopyScriptValidator::Verdict::describe() const {
 }
 
 asio::awaitable<CopyScriptValidator::Verdict> CopyScriptValidator::validate(
-    std::string binary, ql4::transport::v1::CopyRequest request, std::chrono::milliseconds timeout) {
+    std::string binary, ql4::transport::v1::CopyRequest request, std::chrono::milliseconds timeout,
+    std::optional<UserCredentials> runAs) {
     auto arguments = QlcopyInvocation::validationArguments(request);
     if (!arguments) co_return Verdict::ok();
 
@@ -35,6 +36,7 @@ asio::awaitable<CopyScriptValidator::Verdict> CopyScriptValidator::validate(
     command.executable = binary;
     command.arguments = std::move(*arguments);
     command.timeout = timeout;
+    command.runAs = std::move(runAs);
 
     Verdict verdict;
     try {

@@ -58,8 +58,10 @@ public:
     explicit CopyScriptValidator(ShellRunner& runner) : runner_(runner) {}
 
     // Runs the check; never throws. A child that outlives `timeout` is stopped.
+    // `runAs`: the engine reads the rule with that user's rights (a job run with its owner's).
     asio::awaitable<Verdict> validate(std::string binary, ql4::transport::v1::CopyRequest request,
-                                      std::chrono::milliseconds timeout = kDefaultTimeout);
+                                      std::chrono::milliseconds timeout = kDefaultTimeout,
+                                      std::optional<UserCredentials> runAs = std::nullopt);
 
     // The verdict for the outcome of the engine's run (the part of `validate` after spawning).
     static Verdict verdictFor(const ShellRunner::Outcome& outcome, std::chrono::milliseconds timeout);

@@ -1,5 +1,7 @@
 #include "QLProtocol/runners/DispatchingJobRunnerFactory.h"
 
+#include "QLProtocol/runners/UnavailableJobRunner.h"
+
 #include "QLProtocol/server/RunIdText.h"
 #include "QLSupport/Log.h"
 
@@ -136,15 +138,22 @@ DispatchingJobRunnerFactory::Decision DispatchingJobRunnerFactory::decide(const 
 }
 
 std::shared_ptr<JobRunner> DispatchingJobRunnerFactory::makeRunner(const v1::CopyRequest& request,
-                                                                   const v1::RunId& runID) {
+                                                                   const v1::RunId& runID,
+                                                                   const RunAuthority& authority) {
     auto decision = decide(request, runID);
     for (const auto& line : decision.logLines) Log::line("dispatch", line);
+    if (authority.ownerRightsOnly && decision.kind != RunnerKind::qlcopy) {
+        Log::f("dispatch", "{} refused for {}: it needs an administrator's approval",
+               decision.kind == RunnerKind::asr ? "replication" : "erase-then-copy", authority.describe());
+        return std::make_shared<UnavailableJobRunner>(
+            decision.kind == RunnerKind::asr ? kReplicationNeedsApproval : kEraseNeedsApproval, runID);
+    }
     switch (decision.kind) {
-        case RunnerKind::asr: return asrFactory_->makeRunner(decision.request, runID);
-        case RunnerKind::eraseAndCopy: return eraseAndCopyFactory_->makeRunner(decision.request, runID);
+        case RunnerKind::asr: return asrFactory_->makeRunner(decision.request, runID, authority);
+        case RunnerKind::eraseAndCopy: return eraseAndCopyFactory_->makeRunner(decision.request, runID, authority);
         case RunnerKind::qlcopy: break;
     }
-    return qlcopyFactory_->makeRunner(decision.request, runID);
+    return qlcopyFactory_->makeRunner(decision.request, runID, authority);
 }
 
 }  // namespace ql

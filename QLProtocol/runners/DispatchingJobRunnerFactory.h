@@ -31,8 +31,18 @@ public:
                                 std::shared_ptr<JobRunnerFactory> asrFactory,
                                 std::shared_ptr<JobRunnerFactory> eraseAndCopyFactory);
 
+    // A run with its owner's rights only is never handed to a runner that erases or replicates
+    // a whole volume: those need the server's own reach, so such a run ends with a sentence.
     std::shared_ptr<JobRunner> makeRunner(const ql4::transport::v1::CopyRequest& request,
-                                          const ql4::transport::v1::RunId& runID) override;
+                                          const ql4::transport::v1::RunId& runID,
+                                          const RunAuthority& authority) override;
+
+    static constexpr const char* kEraseNeedsApproval =
+        "Erasing the destination needs an administrator’s approval, so Quillo didn’t erase or copy anything. Ask an "
+        "administrator to set up this copy.";
+    static constexpr const char* kReplicationNeedsApproval =
+        "A bootable copy of a whole system needs an administrator’s approval, so Quillo didn’t copy anything. Ask an "
+        "administrator to set up this copy.";
 
     // The decision alone, without building a runner or logging.
     static Decision decide(const ql4::transport::v1::CopyRequest& request, const ql4::transport::v1::RunId& runID);

@@ -1,6 +1,7 @@
 #include "QLProtocol/runners/QlcopyJobRunner.h"
 
 #include "QLProtocol/runners/CopyScriptValidator.h"
+#include "QLProtocol/server/access/CopyAccessCheck.h"
 #include "QLProtocol/runners/PayloadBuilder.h"
 #include "QLProtocol/runners/QlcopyEvent.h"
 #include "QLProtocol/runners/QlcopyLineHandler.h"
@@ -15,6 +16,8 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+extern char** environ;
 
 namespace ql {
 
@@ -259,7 +262,7 @@ asio::awaitable<void> QlcopyJobRunner::runOnStrand() {
     if (started_) co_return;
     started_ = true;
     statePath_ = env_->statePathFor
-                     ? env_->statePathFor(request_, runID_)
+                     ? env_->statePathFor(request_, runID_, engineUid())
                      : (fs::temp_directory_path() / ("qlcopy-state-" + runIDText_ + ".json")).string();
 
     Event terminal;
@@ -277,7 +280,7 @@ asio::awaitable<void> QlcopyJobRunner::runOnStrand() {
             auto tile = request_.tile_id();
             auto path = statePath_;
             try {
-                co_await env_->materializeTileState(std::move(tile), std::move(path));
+                co_await env_->materializeTileState(std::move(tile), std::move(path), engineUid());
             } catch (const std::exception& e) {
                 Log::f(kTag, "tile-state materialize failed: {}", e.what());
             }
@@ -311,13 +314,29 @@ asio::awaitable<tl::expected<QlcopyJobRunner::Prepared, QlcopyJobRunner::Stop>> 
         co_return Result(tl::unexpect, fail(RunnerError::eraseThenCopyMisrouted()));
     }
 
+    // Whose rights the run uses.
+    if (options_.authority.ownerRightsOnly) {
+        const auto uid = options_.authority.ownerUid;
+        auto user = UserCredentials::forUser(uid);
+        if (!user) {
+            co_return Result(tl::unexpect,
+                             fail(RunnerError::refusedForOwner(CopyAccessCheck::unknownOwner(uid, user.error()))));
+        }
+        runAs_ = std::move(*user);
+        logStep(fmt::format("this copy runs with the rights of {} (uid {}): the engine, its copy-rule check and the "
+                            "destination folder act as that user",
+                            runAs_->name.empty() ? runAs_->label() : runAs_->name, uid));
+    }
+
     // 2. The copy rule must load before anything is touched.
     if (auto stop = checkpoint("copy-rule check")) co_return Result(tl::unexpect, std::move(*stop));
     if (!request_.copy_script_path().empty()) {
         CopyScriptValidator validator(*env_->shell);
         auto binary = env_->binary;
         auto request = request_;
-        auto verdict = co_await validator.validate(std::move(binary), std::move(request), env_->validationTimeout);
+        auto runAs = runAs_;
+        auto verdict = co_await validator.validate(std::move(binary), std::move(request), env_->validationTimeout,
+                                                   std::move(runAs));
         if (auto refused = verdict.asRefused()) {
             auto text = CopyScriptValidator::fileCopyRefusalMessage(
                 CopyScriptValidator::ruleName(request_.copy_script_path()), refused->detail);
@@ -380,6 +399,12 @@ asio::awaitable<tl::expected<QlcopyJobRunner::Prepared, QlcopyJobRunner::Stop>> 
         }
         logStep(fmt::format("mount: {} captured (mounted={})", caseName(side), endpoint.isMounted()));
         if (endpoint.isMounted()) continue;
+        if (runAs_) {
+            co_return Result(tl::unexpect, fail(RunnerError::refusedForOwner(fmt::format(
+                                               "{} isn’t mounted, and mounting it needs an administrator’s approval. "
+                                               "Mount it, or ask an administrator to set up this copy.",
+                                               endpoint.quotedName))));
+        }
         auto key = sideKey(side);
         auto device = endpoint.bsdDevice;
         auto mounted = co_await env_->mountCoordinator->mount(std::move(key), std::move(device));
@@ -474,10 +499,22 @@ asio::awaitable<tl::expected<QlcopyJobRunner::Prepared, QlcopyJobRunner::Stop>> 
         }
     }
 
+    // The owner's own access to both folders, asked of the kernel as the owner.
+    if (runAs_) {
+        if (auto refusal = ownerAccessRefusal(prepared.sourcePath, prepared.destinationPath)) {
+            co_return Result(tl::unexpect, fail(*refusal));
+        }
+    }
+
     // 9. Ownership.
     if (auto stop = checkpoint("ownership")) co_return Result(tl::unexpect, std::move(*stop));
     beginStep("ownership");
-    co_await enableOwnership(prepared);
+    if (runAs_) {
+        logStep("ownership: this copy runs with its owner’s rights — the volumes’ ownership settings are left as "
+                "they are");
+    } else {
+        co_await enableOwnership(prepared);
+    }
     endStep(true);
     endPhase(true);
 
@@ -516,7 +553,14 @@ asio::awaitable<tl::expected<QlcopyJobRunner::Prepared, QlcopyJobRunner::Stop>> 
         } else {
             if (auto stop = checkpoint("destination folder")) co_return Result(tl::unexpect, std::move(*stop));
             std::error_code ec;
-            if (!fs::create_directory(path, ec) && ec) {
+            if (runAs_) {
+                if (auto made = ownerAccess().makeDirectories(*runAs_, path, 0755); !made) {
+                    ec = std::error_code(made.error(), std::generic_category());
+                }
+            } else {
+                fs::create_directory(path, ec);
+            }
+            if (ec) {
                 beginPhase("files");
                 co_return Result(tl::unexpect, fail(RunnerError::destinationFolderNotCreated(path, ec.message())));
             }
@@ -709,7 +753,10 @@ asio::awaitable<tl::expected<void, QlcopyJobRunner::Stop>> QlcopyJobRunner::take
     beginPhase("snapshot");
     beginStep("snapshot");
     const auto& source = prepared.source;
-    if (source.isNetworkShare) {
+    if (runAs_) {
+        logStep("snapshot skipped (this copy runs with its owner’s rights; snapshots need an administrator’s "
+                "approval); copying live source");
+    } else if (source.isNetworkShare) {
         logStep("snapshot skipped (source not snapshottable)");
     } else if (!env_->snapshotCoordinator) {
         logStep("snapshot unavailable (source snapshots are not available in this build); copying live source");
@@ -744,7 +791,9 @@ asio::awaitable<tl::expected<void, QlcopyJobRunner::Stop>> QlcopyJobRunner::take
     // 11. A recovery snapshot of a local destination.
     const auto& destination = prepared.destination;
     destinationIsLocal_ = !destination.isNetworkShare;
-    if (destinationIsLocal_ && !request_.preview() && !request_.dry_run() && env_->recoverySnapshot) {
+    if (destinationIsLocal_ && runAs_) {
+        logStep("destination recovery snapshot skipped (this copy runs with its owner’s rights)");
+    } else if (destinationIsLocal_ && !request_.preview() && !request_.dry_run() && env_->recoverySnapshot) {
         auto mount = destination.mount;
         auto outcome = co_await env_->recoverySnapshot->take(std::move(mount), preparationCommandControl_);
         switch (outcome.kind) {
@@ -770,6 +819,42 @@ asio::awaitable<tl::expected<void, QlcopyJobRunner::Stop>> QlcopyJobRunner::take
 
 
 // MARK: - The engine
+
+namespace {
+
+// The server's environment with the owner's HOME, USER and LOGNAME, for an engine running as
+// the owner (anything that looks in the home folder must find the owner's, not root's).
+std::vector<std::string> environmentFor(const UserCredentials& user) {
+    std::vector<std::string> out;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        std::string_view text(*entry);
+        if (text.starts_with("HOME=") || text.starts_with("USER=") || text.starts_with("LOGNAME=")) continue;
+        out.emplace_back(text);
+    }
+    if (!user.home.empty()) out.push_back("HOME=" + user.home);
+    if (!user.name.empty()) {
+        out.push_back("USER=" + user.name);
+        out.push_back("LOGNAME=" + user.name);
+    }
+    return out;
+}
+
+}  // namespace
+
+const OwnerAccessProbe& QlcopyJobRunner::ownerAccess() const {
+    static const LiveOwnerAccessProbe live;
+    if (env_->ownerAccess) return *env_->ownerAccess;
+    return live;
+}
+
+std::optional<RunnerError> QlcopyJobRunner::ownerAccessRefusal(const std::string& source,
+                                                               const std::string& destination) const {
+    // The probe forks a child that checks as the owner and exits at once: milliseconds.
+    CopyAccessCheck check(ownerAccess());
+    auto verdict = check.check(options_.authority.ownerUid, source, destination);
+    if (verdict) return std::nullopt;
+    return RunnerError::refusedForOwner(verdict.error());
+}
 
 namespace {
 
@@ -800,6 +885,10 @@ asio::awaitable<void> QlcopyJobRunner::runEngine(const Prepared& prepared) {
     // Its own process group: a terminal's Ctrl-C aimed at a foreground server must not reach
     // the engine behind the runner's back.
     options.ownProcessGroup = true;
+    if (runAs_) {
+        options.runAs = runAs_;
+        options.environment = environmentFor(*runAs_);
+    }
     auto child = PosixSpawnedProcess::spawn(invocation.binary, invocation.arguments, options);
     if (!child) {
         spawnError_ = RunnerError::engineNotStarted(invocation.binary, child.error().message());
@@ -1142,7 +1231,7 @@ asio::awaitable<void> QlcopyJobRunner::postCopy(Event terminal, bool synthesized
         auto tile = request_.tile_id();
         auto path = statePath_;
         try {
-            co_await env_->captureTileState(std::move(tile), std::move(path));
+            co_await env_->captureTileState(std::move(tile), std::move(path), engineUid());
         } catch (const std::exception& e) {
             Log::f(kTag, "post-copy: tile-state capture failed: {}", e.what());
         }

@@ -19,8 +19,10 @@
 #include "QLProtocol/runners/VolumeOwnership.h"
 #include "QLProtocol/server/JobRunner.h"
 #include "QLProtocol/server/PauseState.h"
+#include "QLProtocol/server/access/RunAuthority.h"
 #include "QLSupport/Actor.h"
 #include "QLProtocol/runners/LineAccumulator.h"
+#include "QLSupport/OwnerAccess.h"
 #include "QLSupport/PosixSpawnedProcess.h"
 #include "QLSupport/ShellRunner.h"
 
@@ -49,6 +51,12 @@ namespace ql {
 // a cancel or a pause can take effect. Cancel sends SIGINT and, if the engine is still there
 // eight seconds later, SIGKILL; pause stops the engine with SIGSTOP at the next event (at once
 // when the engine has gone quiet), resume continues it with SIGCONT.
+//
+// A run with its owner's rights only (`Options::authority`) does everything that touches files
+// as the owner: the copy-rule check and the engine run with the owner's uid and groups, the
+// owner's access to both folders is checked first, a missing destination folder is created as
+// the owner, and the steps that need the server's own reach (mounting, volume ownership
+// settings, snapshots) are refused or skipped with a log line.
 class QlcopyJobRunner final : public JobRunner, public Actor, public std::enable_shared_from_this<QlcopyJobRunner> {
 public:
     using CancelReason = ql::CancelReason;
@@ -60,7 +68,9 @@ public:
 
     // The tile-state hand-over around a run: before it, the job's stored file-system-event state
     // is written where the engine reads it; after it, what the engine left is stored again.
-    using TileStateHook = std::function<asio::awaitable<void>(std::string tileID, std::string statePath)>;
+    // `engineUid` is the user the engine runs as (0: root).
+    using TileStateHook =
+        std::function<asio::awaitable<void>(std::string tileID, std::string statePath, std::uint32_t engineUid)>;
 
     // What every runner of a server shares; the factory holds one and hands it to each runner.
     struct Environment {
@@ -68,8 +78,8 @@ public:
         std::string binary;
         std::shared_ptr<VolumeResolver> resolver;
         VolumeHost::Lookup volumeHost = LiveVolumeHost::lookup;
-        // The engine's state file for a run.
-        std::function<std::string(const CopyRequest&, const RunId&)> statePathFor;
+        // The engine's state file for a run whose engine runs as `engineUid`.
+        std::function<std::string(const CopyRequest&, const RunId&, std::uint32_t engineUid)> statePathFor;
         TileStateHook materializeTileState;
         TileStateHook captureTileState;
         // Runs the engine's copy-rule check and the platform tools of the preparation.
@@ -80,6 +90,8 @@ public:
         std::shared_ptr<DestinationRecoverySnapshot> recoverySnapshot;   // null: none taken
         std::shared_ptr<ShareConnectHandshake> shareConnect;
         std::shared_ptr<OnSuccessExecutor> onSuccessExecutor;
+        // Access checks and folder creation with a job owner's rights; null: the live probe.
+        std::shared_ptr<OwnerAccessProbe> ownerAccess;
         // The keybag the engine watches; null or nothing: nothing is said about it.
         std::function<std::optional<KeybagProvenance>()> keybagSentinel;
         std::function<std::optional<ConsoleUser>()> consoleUser = ConsoleUser::current;
@@ -109,6 +121,8 @@ public:
         bool destinationFreshlyErased = false;
         // The startup-disk flag step, when configured.
         std::function<asio::awaitable<void>(std::string destinationMount)> startupDiskFlag;
+        // Whose run this is and whether it may use the server's full reach.
+        RunAuthority authority;
     };
 
     QlcopyJobRunner(const Executor& executor, std::shared_ptr<const Environment> environment, CopyRequest request,
@@ -186,6 +200,12 @@ private:
     bool started_ = false;
 
     std::string statePath_;
+    // The owner's credentials for a run with its owner's rights only.
+    std::optional<UserCredentials> runAs_;
+    std::uint32_t engineUid() const { return options_.authority.ownerRightsOnly ? options_.authority.ownerUid : 0; }
+    // Refuses the run when its owner can't read the source or write the destination.
+    std::optional<RunnerError> ownerAccessRefusal(const std::string& source, const std::string& destination) const;
+    const OwnerAccessProbe& ownerAccess() const;
     std::optional<bool> sourcePriorEnabled_;
     std::optional<bool> destinationPriorEnabled_;
     bool sourceOwnershipChanged_ = false;

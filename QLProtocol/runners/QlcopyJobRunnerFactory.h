@@ -17,8 +17,11 @@ public:
         : executor_(executor), environment_(std::move(environment)) {}
 
     std::shared_ptr<JobRunner> makeRunner(const ql4::transport::v1::CopyRequest& request,
-                                          const ql4::transport::v1::RunId& runID) override {
-        return makeFileCopyRunner(request, runID, QlcopyJobRunner::Options{});
+                                          const ql4::transport::v1::RunId& runID,
+                                          const RunAuthority& authority) override {
+        QlcopyJobRunner::Options options;
+        options.authority = authority;
+        return makeFileCopyRunner(request, runID, std::move(options));
     }
 
     // For callers that add their own steps to the run (the erase-then-copy runner).

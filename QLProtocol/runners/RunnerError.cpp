@@ -124,6 +124,12 @@ RunnerError RunnerError::destinationFolderNotCreated(std::string path, std::stri
     return e;
 }
 RunnerError RunnerError::eraseThenCopyMisrouted() { return make(Kind::eraseThenCopyMisrouted); }
+RunnerError RunnerError::refusedForOwner(std::string text) {
+    auto e = make(Kind::refusedForOwner);
+    e.detail = std::move(text);
+    return e;
+}
+
 RunnerError RunnerError::copyRuleRefused(std::string text) {
     auto e = make(Kind::copyRuleRefused);
     e.detail = std::move(text);
@@ -242,6 +248,7 @@ std::string RunnerError::message() const {
         case Kind::eraseThenCopyMisrouted:
             return "QlcopyJobRunner refuses Erase-then-copy (asr) — route to the M7 asr runner";
         case Kind::copyRuleRefused: return detail;
+        case Kind::refusedForOwner: return detail;
         case Kind::snapshotMismatch:
             return "source snapshot mismatch: mounted snapshot is not of the source volume — refusing to copy (would "
                    "risk overwriting the destination from the wrong volume)";
@@ -279,6 +286,7 @@ std::string_view RunnerError::caseName() const {
         case Kind::destinationFolderNotCreated: return "destinationFolderNotCreated";
         case Kind::eraseThenCopyMisrouted: return "eraseThenCopyMisrouted";
         case Kind::copyRuleRefused: return "copyRuleRefused";
+        case Kind::refusedForOwner: return "refusedForOwner";
         case Kind::snapshotMismatch: return "snapshotMismatch";
         case Kind::engineNotStarted: return "engineNotStarted";
     }

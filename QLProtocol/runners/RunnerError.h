@@ -65,6 +65,7 @@ struct RunnerError {
         copyRuleRefused,
         snapshotMismatch,
         engineNotStarted,
+        refusedForOwner,
     };
 
     Kind kind = Kind::identityMismatch;
@@ -105,6 +106,9 @@ struct RunnerError {
     static RunnerError copyRuleRefused(std::string text);
     static RunnerError snapshotMismatch();
     static RunnerError engineNotStarted(std::string binary, std::string error);
+    // A run with its owner's rights that can't go ahead as that owner (the owner can't read the
+    // source or write the destination, or a step needs an administrator): `text` is the sentence.
+    static RunnerError refusedForOwner(std::string text);
 
     // The sentence the user reads.
     std::string message() const;

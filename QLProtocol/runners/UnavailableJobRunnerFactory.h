@@ -15,7 +15,8 @@ public:
     explicit UnavailableJobRunnerFactory(std::string message) : message_(std::move(message)) {}
 
     std::shared_ptr<JobRunner> makeRunner(const ql4::transport::v1::CopyRequest& request,
-                                          const ql4::transport::v1::RunId& runID) override;
+                                          const ql4::transport::v1::RunId& runID,
+                                          const RunAuthority& authority) override;
 
     static constexpr const char* kReplicationMessage =
         "Bootable copies made by replicating a whole system aren't available in this build of Quillo. Choose "

@@ -144,7 +144,7 @@ TEST(Dispatch, ChoosesTheRunnerRewritesTheRequestAndLogsEachDecision) {
         auto eraseAndCopy = std::make_shared<FakeJobRunnerFactory>();
         DispatchingJobRunnerFactory dispatch(qlcopy, asr, eraseAndCopy);
         LogCapture logs;
-        auto runner = dispatch.makeRunner(c.request, runID());
+        auto runner = dispatch.makeRunner(c.request, runID(), RunAuthority{});
         ASSERT_TRUE(runner);
 
         const std::map<Kind, FakeJobRunnerFactory*> factories = {
@@ -163,9 +163,8 @@ TEST(Dispatch, ChoosesTheRunnerRewritesTheRequestAndLogsEachDecision) {
     }
 }
 
-TEST(Dispatch, UnavailableRunnersFailAtOnceWithTheirSentence) {
-    UnavailableJobRunnerFactory factory(UnavailableJobRunnerFactory::kEraseThenCopyMessage);
-    auto runner = factory.makeRunner(physical(v1::DCM_ERASE_THEN_COPY, false), runID());
+// The one event of a runner that refuses at once.
+std::vector<v1::ClonerEvent> drain(const std::shared_ptr<JobRunner>& runner) {
     auto events = runner->run();
     asio::io_context io;
     std::vector<v1::ClonerEvent> got;
@@ -176,8 +175,47 @@ TEST(Dispatch, UnavailableRunnersFailAtOnceWithTheirSentence) {
         }(std::move(events), &got),
         asio::detached);
     io.run();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].failed().error_message(), UnavailableJobRunnerFactory::kEraseThenCopyMessage);
+    return got;
+}
+
+TEST(Dispatch, RunsThatCantGoAheadFailAtOnceWithTheirSentence) {
+    const auto owner = RunAuthority::ownerRights(1001);
+    struct Case {
+        std::string name;
+        v1::CopyRequest request;
+        RunAuthority authority;
+        bool viaDispatch;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {"a runner this build lacks", physical(v1::DCM_ERASE_THEN_COPY, false), {}, false,
+         UnavailableJobRunnerFactory::kEraseThenCopyMessage},
+        {"an erase with the owner's rights only", physical(v1::DCM_ERASE_THEN_COPY, false), owner, true,
+         DispatchingJobRunnerFactory::kEraseNeedsApproval},
+        {"a replication with the owner's rights only", physical(v1::DCM_ERASE_THEN_COPY, true), owner, true,
+         DispatchingJobRunnerFactory::kReplicationNeedsApproval},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto fakes = std::make_shared<FakeJobRunnerFactory>();
+        DispatchingJobRunnerFactory dispatch(fakes, fakes, fakes);
+        UnavailableJobRunnerFactory unavailable(UnavailableJobRunnerFactory::kEraseThenCopyMessage);
+        auto runner = c.viaDispatch ? dispatch.makeRunner(c.request, runID(), c.authority)
+                                    : unavailable.makeRunner(c.request, runID(), c.authority);
+        auto got = drain(runner);
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0].failed().error_message(), c.message);
+        EXPECT_EQ(fakes->count(), 0u);
+    }
+}
+
+TEST(Dispatch, AFileCopyCarriesItsOwnersAuthorityToTheRunner) {
+    auto qlcopy = std::make_shared<FakeJobRunnerFactory>();
+    DispatchingJobRunnerFactory dispatch(qlcopy, std::make_shared<FakeJobRunnerFactory>(),
+                                         std::make_shared<FakeJobRunnerFactory>());
+    dispatch.makeRunner(physical(v1::DCM_SMART_UPDATE, false), runID(), RunAuthority::ownerRights(1001));
+    ASSERT_EQ(qlcopy->authorities.size(), 1u);
+    EXPECT_EQ(qlcopy->authorities[0], RunAuthority::ownerRights(1001));
 }
 
 TEST(BootablePolicy, ReplicatesOnlyTheRunningSystemOntoAPhysicalAPFSDisk) {

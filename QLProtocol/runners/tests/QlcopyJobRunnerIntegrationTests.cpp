@@ -217,7 +217,7 @@ TEST_F(QlcopyJobRunnerIntegration, cancelJustBeforeTheSpawnNeverStartsTheEngine)
     auto env = world.environment(engine(std::string(kSummary) + "\n"));
     std::shared_ptr<QlcopyJobRunner> runner;
     // The tile-state hand-over is the last thing before the spawn: the cancel lands there.
-    env->materializeTileState = [&runner](std::string, std::string) { return cancelRun(runner); };
+    env->materializeTileState = [&runner](std::string, std::string, std::uint32_t) { return cancelRun(runner); };
     runner = world.runner(env, world.request());
     auto collected = runToEnd(runner);
     EXPECT_TRUE(collected.events.back().has_cancelled());
@@ -230,7 +230,7 @@ TEST_F(QlcopyJobRunnerIntegration, cancelJustBeforeTheSpawnNeverStartsTheEngine)
 TEST_F(QlcopyJobRunnerIntegration, aWatchersCancelFailsWithItsSentence) {
     auto env = world.environment(engine(std::string(kSummary) + "\n"));
     std::shared_ptr<QlcopyJobRunner> runner;
-    env->materializeTileState = [&runner](std::string, std::string) {
+    env->materializeTileState = [&runner](std::string, std::string, std::uint32_t) {
         return cancelRun(runner, CancelReason::destinationRemoved());
     };
     runner = world.runner(env, world.request());
@@ -323,7 +323,7 @@ TEST_F(QlcopyJobRunnerIntegration, pauseStopsTheEngineAndResumeContinuesIt) {
 TEST_F(QlcopyJobRunnerIntegration, aPauseBeforeTheSpawnTakesEffectWhenTheEngineStarts) {
     auto env = world.environment(engine(std::string("sleep 1\n") + kProgress + "\n" + kSummary + "\n"));
     std::shared_ptr<QlcopyJobRunner> runner;
-    env->materializeTileState = [&runner](std::string, std::string) { return pauseThenGoOn(runner); };
+    env->materializeTileState = [&runner](std::string, std::string, std::uint32_t) { return pauseThenGoOn(runner); };
     runner = world.runner(env, world.request());
     std::promise<void> paused;
     std::atomic<int> progressCount{0};

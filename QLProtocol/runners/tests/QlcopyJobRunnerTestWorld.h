@@ -237,7 +237,7 @@ public:
         env->resolver = std::make_shared<VolumeResolver>(io.get_executor(), resolverEnvironment());
         env->volumeHost = volumeHost();
         auto stateDir = folder.path() / "state";
-        env->statePathFor = [stateDir](const wire::CopyRequest& r, const wire::RunId&) {
+        env->statePathFor = [stateDir](const wire::CopyRequest& r, const wire::RunId&, std::uint32_t) {
             return (stateDir / (r.tile_id() + ".state")).string();
         };
         env->shell = shell;
