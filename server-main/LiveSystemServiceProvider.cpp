@@ -17,7 +17,7 @@ std::int64_t LiveSystemServiceProvider::buildStampOf(const std::string& executab
     return static_cast<std::int64_t>(info.st_mtime);
 }
 
-UnaryResult<wire::PingResponse> LiveSystemServiceProvider::ping(wire::PingRequest request) {
+UnaryResult<wire::PingResponse> LiveSystemServiceProvider::ping(CallContext, wire::PingRequest request) {
     wire::PingResponse response;
     response.set_nonce(request.nonce());
     response.set_server_timestamp_unix_nanos(toUnixNanos(clock_->now()));
@@ -26,7 +26,7 @@ UnaryResult<wire::PingResponse> LiveSystemServiceProvider::ping(wire::PingReques
     co_return response;
 }
 
-UnaryResult<wire::ShutdownResponse> LiveSystemServiceProvider::shutdown(wire::ShutdownRequest request) {
+UnaryResult<wire::ShutdownResponse> LiveSystemServiceProvider::shutdown(CallContext, wire::ShutdownRequest request) {
     const int active = hooks_.activeRuns ? co_await hooks_.activeRuns() : 0;
     wire::ShutdownResponse response;
     response.set_active_runs(active);
@@ -39,7 +39,7 @@ UnaryResult<wire::ShutdownResponse> LiveSystemServiceProvider::shutdown(wire::Sh
 }
 
 UnaryResult<wire::CollectGeneralDiagnosticResponse> LiveSystemServiceProvider::collectGeneralDiagnostic(
-    wire::CollectGeneralDiagnosticRequest) {
+    CallContext, wire::CollectGeneralDiagnosticRequest) {
     wire::CollectGeneralDiagnosticResponse response;
     if (!hooks_.collectGeneralDiagnostic) {
         response.set_error(kNoDiagnostics);

@@ -32,10 +32,10 @@ public:
     LiveSystemServiceProvider(std::shared_ptr<const Clock> clock, std::int64_t buildStamp, bool fullDiskAccess,
                               Hooks hooks);
 
-    UnaryResult<wire::PingResponse> ping(wire::PingRequest request) override;
-    UnaryResult<wire::ShutdownResponse> shutdown(wire::ShutdownRequest request) override;
+    UnaryResult<wire::PingResponse> ping(CallContext, wire::PingRequest request) override;
+    UnaryResult<wire::ShutdownResponse> shutdown(CallContext, wire::ShutdownRequest request) override;
     UnaryResult<wire::CollectGeneralDiagnosticResponse> collectGeneralDiagnostic(
-        wire::CollectGeneralDiagnosticRequest request) override;
+        CallContext, wire::CollectGeneralDiagnosticRequest request) override;
 
     static constexpr const char* kNoDiagnostics = "general diagnostic collection is not available";
 

@@ -21,6 +21,9 @@
 #include "QLProtocol/server/RunFinishedNotifier.h"
 #include "QLProtocol/server/RunIdText.h"
 #include "QLProtocol/server/TileStateBroker.h"
+#include "QLProtocol/server/access/JobAccess.h"
+#include "QLProtocol/server/access/TileAdmission.h"
+#include "QLSupport/OwnerAccess.h"
 #include "QLProtocol/transport/AttestationSessions.h"
 #include "QLProtocol/transport/CopyService.h"
 #include "QLProtocol/transport/DestinationService.h"
@@ -54,12 +57,18 @@ constexpr const char* kTag = "qlcopyserver";
 
 ServerPaths pathsFor(const ServerOptions& options) { return ServerPaths::forPlatform(options.stateRoot); }
 
-asio::awaitable<void> materializeTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID) {
-    co_await broker->materialize(std::move(tileID));
+asio::awaitable<void> materializeTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID,
+                                           std::uint32_t engineUid) {
+    co_await broker->materialize(std::move(tileID), engineUid);
 }
 
-asio::awaitable<void> captureTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID) {
-    co_await broker->capture(std::move(tileID));
+asio::awaitable<void> captureTileState(std::shared_ptr<TileStateBroker> broker, std::string tileID,
+                                       std::uint32_t engineUid) {
+    co_await broker->capture(std::move(tileID), engineUid);
+}
+
+asio::awaitable<std::optional<ql4::transport::v1::CopyTile>> lookUpJob(CopyTileStore* store, std::string id) {
+    co_return co_await store->get(std::move(id));
 }
 
 asio::awaitable<int> countActiveRuns(std::weak_ptr<JobManager> weakManager) {
@@ -81,6 +90,8 @@ struct ServerAssembly::Parts {
     std::shared_ptr<LiveRunRecordSink> runRecords;
     std::shared_ptr<VolumeProbe> probe;
     std::shared_ptr<VolumeResolver> resolver;
+    std::shared_ptr<AdministratorApproval> approval;
+    std::shared_ptr<OwnerAccessProbe> ownerAccess;
     std::shared_ptr<JobManager> jobManager;
     std::shared_ptr<LiveTileServiceProvider> tiles;
     std::shared_ptr<LiveSourceServiceProvider> sources;
@@ -186,18 +197,21 @@ asio::awaitable<tl::expected<void, std::string>> ServerAssembly::start() {
     const auto stateFolder = paths_.fsEventsStateDirectory();
     auto stateBroker = std::make_shared<LiveTileStateBroker>(*parts->store, stateFolder, kEngineStateFormat);
     environment->statePathFor = [stateFolder, stateBroker](const ql4::transport::v1::CopyRequest& request,
-                                                           const ql4::transport::v1::RunId& runID) {
+                                                           const ql4::transport::v1::RunId& runID,
+                                                           std::uint32_t engineUid) {
         std::error_code ec;
         fs::create_directories(stateFolder, ec);
-        if (request.tile_id().empty()) return (stateFolder / ("run-" + RunIdText::hex(runID.value()) + ".fsstate")).string();
-        return stateBroker->stateFile(request.tile_id()).string();
+        const auto name = request.tile_id().empty() ? "run-" + RunIdText::hex(runID.value()) : request.tile_id();
+        return stateBroker->stateFile(name, engineUid).string();
     };
-    environment->materializeTileState = [stateBroker](std::string tileID, std::string) {
-        return materializeTileState(stateBroker, std::move(tileID));
+    environment->materializeTileState = [stateBroker](std::string tileID, std::string, std::uint32_t engineUid) {
+        return materializeTileState(stateBroker, std::move(tileID), engineUid);
     };
-    environment->captureTileState = [stateBroker](std::string tileID, std::string) {
-        return captureTileState(stateBroker, std::move(tileID));
+    environment->captureTileState = [stateBroker](std::string tileID, std::string, std::uint32_t engineUid) {
+        return captureTileState(stateBroker, std::move(tileID), engineUid);
     };
+    parts->ownerAccess = std::make_shared<LiveOwnerAccessProbe>();
+    environment->ownerAccess = parts->ownerAccess;
     environment->shell = parts->shell;
     environment->mountCoordinator = std::make_shared<NoOpMountCoordinator>();
     environment->ownership =
@@ -225,8 +239,13 @@ asio::awaitable<tl::expected<void, std::string>> ServerAssembly::start() {
 
     // 4. The services.
     parts->handler = std::make_shared<MultiplexHandler>();
+    // Jobs and runs are private to the user who made them; a root server lowers a user's runs
+    // to that user's rights unless an administrator approved the job.
+    const auto access = JobAccess::forThisProcess();
     LiveCopyServiceProvider::Collaborators copyCollaborators;
     copyCollaborators.jobManager = parts->jobManager;
+    copyCollaborators.access = access;
+    copyCollaborators.jobs = [store = parts->store.get()](std::string id) { return lookUpJob(store, std::move(id)); };
     parts->handler->add(
         std::make_shared<CopyServiceServer>(std::make_shared<LiveCopyServiceProvider>(copyCollaborators)));
     LiveSystemServiceProvider::Hooks hooks;
@@ -238,8 +257,13 @@ asio::awaitable<tl::expected<void, std::string>> ServerAssembly::start() {
     parts->handler->add(std::make_shared<SystemServiceServer>(std::make_shared<LiveSystemServiceProvider>(
         parts->clock, LiveSystemServiceProvider::buildStampOf(serverExecutable_.string()), FullDiskAccess::granted(),
         std::move(hooks))));
-    parts->tiles = std::make_shared<LiveTileServiceProvider>(executor, *parts->store, *parts->resolver,
-                                                             LiveTileServiceProvider::Options{nullptr, parts->clock});
+    parts->approval = overrides_.approval ? overrides_.approval
+                                          : std::shared_ptr<AdministratorApproval>(
+                                                makeLiveAdministratorApproval(*parts->pool));
+    TileAdmission::Collaborators admission{access, parts->approval, parts->ownerAccess, parts->pool};
+    parts->tiles = std::make_shared<LiveTileServiceProvider>(
+        executor, *parts->store, *parts->resolver,
+        LiveTileServiceProvider::Options{nullptr, parts->clock, std::make_shared<TileAdmission>(admission)});
     std::shared_ptr<VolumeEventSource> volumeEvents;
     if (overrides_.volumeEvents) {
         volumeEvents = overrides_.volumeEvents();

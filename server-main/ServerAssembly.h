@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QLProtocol/server/approval/AdministratorApproval.h"
 #include "QLModel/VolumeResolverEnvironment.h"
 #include "QLProtocol/runners/QlcopyJobRunner.h"
 #include "QLProtocol/server/ServerPaths.h"
@@ -43,6 +44,9 @@ public:
         std::shared_ptr<VolumeOwnership> ownership;
         // Volume appearance for healing job bindings; the platform's watch when not given.
         std::function<std::shared_ptr<VolumeEventSource>()> volumeEvents;
+        // Who approves copies "as administrator"; the platform's authorization service when
+        // not given.
+        std::shared_ptr<AdministratorApproval> approval;
     };
 
     ServerAssembly(asio::io_context& io, ServerOptions options, std::filesystem::path serverExecutable,

@@ -24,6 +24,9 @@ std::variant<CommandLine, CommandLine::Exit> CommandLine::parse(int argc, const 
     copy->add_option("--rule", line.rule, "The copy rule that selects the files (its name, with or without .dset)");
     copy->add_flag("--dry-run", line.dryRun, "Show what would be copied without changing anything");
     copy->add_option("--name", line.name, "The job's name (default: \"SOURCE-folder → DEST-folder\")");
+    copy->add_flag("--as-admin", line.asAdmin,
+                   "Copy with the copy server's full reach (files you can't read or write yourself); an "
+                   "administrator must approve");
 
     app.add_subcommand("jobs", "List the copy jobs: source, destination, mode, schedule and last result");
     auto* run = app.add_subcommand("run", "Run a stored job now and show its progress");
@@ -37,6 +40,11 @@ std::variant<CommandLine, CommandLine::Exit> CommandLine::parse(int argc, const 
     resume->add_option("JOB", line.job, "The job's name or id")->required();
     auto* remove = app.add_subcommand("remove", "Delete a copy job (its copies stay where they are)");
     remove->add_option("JOB", line.job, "The job's name or id")->required();
+    auto* edit = app.add_subcommand("edit", "Change a copy job");
+    edit->add_option("JOB", line.job, "The job's name or id")->required();
+    edit->add_flag("--as-admin", line.asAdmin,
+                   "Let the job copy with the copy server's full reach; an administrator must approve")
+        ->required();
     app.add_subcommand("status", "Whether the copy server answers, its version, and the copies running");
     auto* server = app.add_subcommand("server", "Run a copy server for this user in the foreground");
     server->allow_extras();
@@ -77,6 +85,7 @@ std::variant<CommandLine, CommandLine::Exit> CommandLine::parse(int argc, const 
     if (name == "pause") line.command = Command::pause;
     if (name == "resume") line.command = Command::resume;
     if (name == "remove") line.command = Command::remove;
+    if (name == "edit") line.command = Command::edit;
     if (name == "status") line.command = Command::status;
     if (name == "server") {
         line.command = Command::server;

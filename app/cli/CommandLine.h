@@ -9,7 +9,7 @@ namespace ql {
 
 // What the user asked `quillo` to do, read from its command line.
 struct CommandLine {
-    enum class Command { copy, jobs, run, watch, cancel, pause, resume, remove, status, server };
+    enum class Command { copy, jobs, run, watch, cancel, pause, resume, remove, edit, status, server };
 
     Command command = Command::status;
     // copy
@@ -19,7 +19,9 @@ struct CommandLine {
     std::optional<std::string> rule;
     bool dryRun = false;
     std::optional<std::string> name;
-    // run, cancel, pause, resume, remove: a job's name or id (or the start of its id)
+    // copy, edit: ask an administrator to approve the job copying with the server's full reach
+    bool asAdmin = false;
+    // run, cancel, pause, resume, remove, edit: a job's name or id (or the start of its id)
     std::string job;
     // Output: line per update even on a terminal; log lines to standard error.
     bool plain = false;

@@ -97,6 +97,12 @@ QuilloClient::~QuilloClient() = default;
 
 void QuilloClient::fail(const std::string& sentence) { err() << "quillo: " << sentence << "\n"; }
 
+std::string QuilloClient::refusal(const std::string& what, const TransportError& error) {
+    // A refusal the server explains in a sentence of its own is shown as it stands.
+    if (error.kind == TransportError::Kind::handlerThrew && !error.detail.empty()) return error.detail;
+    return what + ": " + error.message();
+}
+
 asio::awaitable<int> QuilloClient::run() {
     switch (command_.command) {
         case CommandLine::Command::copy: co_return co_await copy();
@@ -107,6 +113,7 @@ asio::awaitable<int> QuilloClient::run() {
         case CommandLine::Command::pause:
         case CommandLine::Command::resume: co_return co_await control();
         case CommandLine::Command::remove: co_return co_await remove();
+        case CommandLine::Command::edit: co_return co_await edit();
         case CommandLine::Command::status: co_return co_await status();
         case CommandLine::Command::server: co_return server();
     }
@@ -344,9 +351,10 @@ asio::awaitable<int> QuilloClient::copy() {
         wire::CreateTileRequest create;
         *create.mutable_tile() = CopyPlan::newJob(*source, *destination, name, *mode, ruleFile);
         create.mutable_tile()->set_name_user_set(command_.name.has_value());
+        create.set_as_administrator(command_.asAdmin);
         auto created = co_await connection_->tiles().call<&TileServiceProvider::createTile>(create);
         if (!created) {
-            fail("The copy server refused to create the job: " + created.error().message());
+            fail(refusal("The copy server refused to create the job", created.error()));
             co_return kFailure;
         }
         job = created->tile();
@@ -369,12 +377,14 @@ asio::awaitable<int> QuilloClient::copy() {
                 changed = true;
             }
         }
-        if (changed) {
+        const bool askApproval = command_.asAdmin && !job->approved_as_administrator();
+        if (changed || askApproval) {
             wire::UpdateTileRequest update;
             *update.mutable_tile() = updated;
+            update.set_as_administrator(command_.asAdmin);
             auto answer = co_await connection_->tiles().call<&TileServiceProvider::updateTile>(update);
             if (!answer) {
-                fail("The copy server refused to update the job " + inQuotes(job->name()) + ": " + answer.error().message());
+                fail(refusal("The copy server refused to update the job " + inQuotes(job->name()), answer.error()));
                 co_return kFailure;
             }
             job = updated;
@@ -581,6 +591,28 @@ asio::awaitable<int> QuilloClient::remove() {
         co_return kFailure;
     }
     out() << "Removed the job " << inQuotes(job->name()) << ". Its copies are left where they are.\n";
+    co_return kSuccess;
+}
+
+// ---- edit --------------------------------------------------------------------------------------
+
+asio::awaitable<int> QuilloClient::edit() {
+    if (!co_await connect(true)) co_return kUnreachable;
+    auto job = co_await findJob(command_.job);
+    if (!job) co_return kFailure;
+    if (command_.asAdmin && job->approved_as_administrator()) {
+        out() << "The job " << inQuotes(job->name()) << " already copies as administrator.\n";
+        co_return kSuccess;
+    }
+    wire::UpdateTileRequest request;
+    *request.mutable_tile() = *job;
+    request.set_as_administrator(command_.asAdmin);
+    auto answer = co_await connection_->tiles().call<&TileServiceProvider::updateTile>(request);
+    if (!answer) {
+        fail(refusal("The copy server refused to change " + inQuotes(job->name()), answer.error()));
+        co_return kFailure;
+    }
+    out() << "The job " << inQuotes(job->name()) << " now copies as administrator.\n";
     co_return kSuccess;
 }
 

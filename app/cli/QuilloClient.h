@@ -52,6 +52,7 @@ private:
     asio::awaitable<int> watch();
     asio::awaitable<int> control();
     asio::awaitable<int> remove();
+    asio::awaitable<int> edit();
     asio::awaitable<int> status();
     int server();
 
@@ -70,6 +71,8 @@ private:
     std::ostream& out() { return *env_.out; }
     std::ostream& err() { return *env_.err; }
     void fail(const std::string& sentence);
+    // The server's own sentence for a refused call, or `what` and the transport's text.
+    static std::string refusal(const std::string& what, const TransportError& error);
 
     asio::io_context& io_;
     CommandLine command_;
