@@ -26,10 +26,16 @@ UnaryResult<wire::PingResponse> LiveSystemServiceProvider::ping(CallContext, wir
     co_return response;
 }
 
-UnaryResult<wire::ShutdownResponse> LiveSystemServiceProvider::shutdown(CallContext, wire::ShutdownRequest request) {
+UnaryResult<wire::ShutdownResponse> LiveSystemServiceProvider::shutdown(CallContext caller,
+                                                                        wire::ShutdownRequest request) {
     const int active = hooks_.activeRuns ? co_await hooks_.activeRuns() : 0;
     wire::ShutdownResponse response;
     response.set_active_runs(active);
+    if (request.force() && !hooks_.access.administers(caller)) {
+        Log::f("SystemService", "Shutdown force asked by {}, who doesn't administer this server — not forced",
+               caller.describe());
+        request.set_force(false);
+    }
     const bool will = request.force() || active == 0;
     response.set_will_shutdown(will);
     Log::f("SystemService", "Shutdown force={} active_runs={} → {}", request.force(), active,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QLProtocol/server/access/JobAccess.h"
 #include "QLProtocol/transport/SystemService.h"
 #include "QLSupport/Clock.h"
 
@@ -25,6 +26,8 @@ public:
         std::function<asio::awaitable<int>()> activeRuns;
         // Starts shutting the server down (returns at once); `force` cancels active runs.
         std::function<void(bool force)> requestShutdown;
+        // Who administers this server: only they may force a shutdown that cancels runs.
+        JobAccess access = JobAccess::forThisProcess();
         // The general diagnostic's file, or nothing when this server cannot collect one.
         std::function<asio::awaitable<tl::expected<std::string, std::string>>()> collectGeneralDiagnostic;
     };
@@ -33,7 +36,9 @@ public:
                               Hooks hooks);
 
     UnaryResult<wire::PingResponse> ping(CallContext, wire::PingRequest request) override;
-    UnaryResult<wire::ShutdownResponse> shutdown(CallContext, wire::ShutdownRequest request) override;
+    // Someone who doesn't administer the server may restart it only while nothing runs: their
+    // `force` is not honoured, so nobody's copies end because another user asked.
+    UnaryResult<wire::ShutdownResponse> shutdown(CallContext caller, wire::ShutdownRequest request) override;
     UnaryResult<wire::CollectGeneralDiagnosticResponse> collectGeneralDiagnostic(
         CallContext, wire::CollectGeneralDiagnosticRequest request) override;
 

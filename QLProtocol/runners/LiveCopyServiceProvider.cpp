@@ -122,8 +122,12 @@ StreamResult<wire::ClonerEvent> LiveCopyServiceProvider::joinRun(CallContext cal
     auto id = runIDOf(request.run_id());
     if (!id) co_return tl::unexpected(id.error());
     auto manager = deps_.jobManager;
-    auto joined = co_await mayControl(caller, *id) ? co_await manager->subscribe(*id)
-                                                    : tl::unexpected(JobManager::SubscribeError::unknownRunID);
+    // Someone else's run is joined as one that doesn't exist (no co_await inside a conditional
+    // expression: see the note on g++ 12 and temporaries in ARCHITECTURE.md).
+    tl::expected<JobManager::Events::Consumer, JobManager::SubscribeError> joined =
+        tl::unexpected(JobManager::SubscribeError::unknownRunID);
+    const bool visible = co_await mayControl(caller, *id);
+    if (visible) joined = co_await manager->subscribe(*id);
     if (!joined) {
         Log::f("subscribe", "JoinRun runID={} — no such run", RunIdText::hex(*id));
         co_return tl::unexpected(HandlerError::failed("no run with id " + RunIdText::uuid(*id) +
@@ -166,10 +170,15 @@ UnaryResult<wire::ListActiveRunsResponse> LiveCopyServiceProvider::listActiveRun
     co_return response;
 }
 
-UnaryResult<wire::UnlockResultResponse> LiveCopyServiceProvider::reportUnlockResult(CallContext, wire::UnlockResultRequest request) {
+UnaryResult<wire::UnlockResultResponse> LiveCopyServiceProvider::reportUnlockResult(CallContext caller,
+                                                                                  wire::UnlockResultRequest request) {
     auto id = runIDOf(request.run_id());
     if (!id) co_return tl::unexpected(id.error());
     wire::UnlockResultResponse response;
+    if (!co_await mayControl(caller, *id)) {
+        response.set_ok(false);
+        co_return response;
+    }
     if (auto mailbox = deps_.unlockResults) {
         const bool taken = co_await mailbox->post(std::move(request));
         response.set_ok(taken);

@@ -144,6 +144,9 @@ protected:
         auto started = asio::co_spawn(io, startServer(*server), asio::use_future).get();
         ASSERT_TRUE(started) << started.error();
         channel = std::make_shared<UDSChannel>(UDSChannel::Options{server->socketPath()});
+        // Runs are only of stored jobs.
+        auto created = asio::co_spawn(io, createJob(channel, world.request().tile_id()), asio::use_future).get();
+        ASSERT_TRUE(created) << created.error().message();
     }
 
     // An engine script: records that it started, then runs the real engine with extra flags.
@@ -179,8 +182,6 @@ protected:
 TEST_F(QlcopyServerIntegration, aRunCopiesTheTreeAndReportsTheRightCounters) {
     const auto total = makeTree(world.sourceMount / "Documents", 24, 40'000);
     start(QL_ENGINE_EXECUTABLE);
-    auto created = asio::co_spawn(io, createJob(channel, world.request().tile_id()), asio::use_future).get();
-    ASSERT_TRUE(created) << created.error().message();
     auto future = run(world.request());
     auto result = wait(future);
     ASSERT_FALSE(result.error) << result.error->message();
