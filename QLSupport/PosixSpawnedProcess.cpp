@@ -72,6 +72,24 @@ tl::unexpected<PosixSpawnedProcess::SpawnError> attributeFailure(const std::stri
 
 }  // namespace
 
+detail::ExecVectors detail::ExecVectors::of(const std::string& executable, const std::vector<std::string>& arguments,
+                                            const std::optional<std::vector<std::string>>& environment) {
+    ExecVectors out;
+    out.argv.reserve(arguments.size() + 2);
+    out.argv.push_back(const_cast<char*>(executable.c_str()));
+    for (const auto& a : arguments) out.argv.push_back(const_cast<char*>(a.c_str()));
+    out.argv.push_back(nullptr);
+    if (environment) {
+        out.envp.reserve(environment->size() + 1);
+        for (const auto& e : *environment) out.envp.push_back(const_cast<char*>(e.c_str()));
+        out.envp.push_back(nullptr);
+        out.environment = out.envp.data();
+    } else {
+        out.environment = environ;
+    }
+    return out;
+}
+
 void PosixSpawnedProcess::Descriptor::reset(int fd) {
     if (fd_ >= 0 && fd_ != fd) ::close(fd_);
     fd_ = fd;
@@ -207,21 +225,11 @@ tl::expected<PosixSpawnedProcess, PosixSpawnedProcess::SpawnError> PosixSpawnedP
         return attributeFailure("spawnattr_setflags", rc);
     }
 
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 2);
-    argv.push_back(const_cast<char*>(executable.c_str()));
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    if (options.environment) {
-        envp.reserve(options.environment->size() + 1);
-        for (const auto& e : *options.environment) envp.push_back(const_cast<char*>(e.c_str()));
-        envp.push_back(nullptr);
-    }
+    auto vectors = detail::ExecVectors::of(executable, arguments, options.environment);
 
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, executable.c_str(), &setup.actions, &setup.attributes, argv.data(),
-                         options.environment ? envp.data() : environ);
+    int rc = posix_spawn(&pid, executable.c_str(), &setup.actions, &setup.attributes, vectors.argv.data(),
+                         vectors.environment);
     if (rc != 0) return tl::unexpected(SpawnError::spawnFailed(rc, executable));
     return adopt(pid);
 }

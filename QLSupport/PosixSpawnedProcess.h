@@ -171,6 +171,17 @@ private:
 };
 
 namespace detail {
+// The argument and environment vectors exec takes, pointing into the strings they were made
+// from (which must outlive them); the environment is ours when none is given.
+struct ExecVectors {
+    std::vector<char*> argv;
+    std::vector<char*> envp;
+    char** environment = nullptr;
+
+    static ExecVectors of(const std::string& executable, const std::vector<std::string>& arguments,
+                          const std::optional<std::vector<std::string>>& environment);
+};
+
 // Platform part of spawning: arranges for every descriptor from `lowest` upwards to be closed
 // in the child, by a file action or by a spawn flag added to `flags`. Returns 0, or an errno
 // with the failing call named in `operation` (as a suffix of "posix_spawn_file_actions").

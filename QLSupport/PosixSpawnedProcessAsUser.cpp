@@ -13,7 +13,6 @@
 #include <climits>
 #include <cstring>
 
-extern char** environ;
 
 namespace ql::detail {
 namespace {
@@ -153,23 +152,13 @@ tl::expected<pid_t, PosixSpawnedProcess::SpawnError> forkExecAsUser(const std::s
         end->reset(moved);
     }
 
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 2);
-    argv.push_back(const_cast<char*>(executable.c_str()));
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    if (options.environment) {
-        envp.reserve(options.environment->size() + 1);
-        for (const auto& e : *options.environment) envp.push_back(const_cast<char*>(e.c_str()));
-        envp.push_back(nullptr);
-    }
+    auto vectors = detail::ExecVectors::of(executable, arguments, options.environment);
     long openMax = ::sysconf(_SC_OPEN_MAX);
 
     ChildPlan plan{};
     plan.executable = executable.c_str();
-    plan.argv = argv.data();
-    plan.envp = options.environment ? envp.data() : environ;
+    plan.argv = vectors.argv.data();
+    plan.envp = vectors.environment;
     plan.workingDirectory = options.workingDirectory ? options.workingDirectory->c_str() : nullptr;
     plan.ownProcessGroup = options.ownProcessGroup;
     plan.descriptors = descriptors;

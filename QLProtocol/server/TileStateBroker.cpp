@@ -36,6 +36,14 @@ std::filesystem::path LiveTileStateBroker::stateFile(const std::string& tileID, 
     return directory_ / "users" / std::to_string(engineUid) / name;
 }
 
+std::optional<std::string> LiveTileStateBroker::notUsable(const std::optional<Tile>& tile) const {
+    if (!tile) return "tile_missing";
+    if (tile->fs_events_state().empty()) return "blob_empty";
+    // Another format than the engine's: no file is written, so the engine scans fully.
+    if (tile->fs_events_state_version() != engineStateVersion_) return "version_mismatch";
+    return std::nullopt;
+}
+
 tl::expected<OwnedStateFolder, std::string> LiveTileStateBroker::ownedFolder(std::uint32_t engineUid) const {
     auto user = UserCredentials::forUser(engineUid);
     if (!user) return tl::unexpected(user.error());
@@ -52,12 +60,8 @@ asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materializeO
     if (!folder) {
         Log::line(tag, "materialize failed for id=" + tileID + ": " + folder.error());
         disposition = "write_failed";
-    } else if (!tile) {
-        disposition = "tile_missing";
-    } else if (tile->fs_events_state().empty()) {
-        disposition = "blob_empty";
-    } else if (tile->fs_events_state_version() != engineStateVersion_) {
-        disposition = "version_mismatch";
+    } else if (auto unusable = notUsable(tile)) {
+        disposition = *unusable;
     } else if (auto written = folder->write(name, tile->fs_events_state()); !written) {
         Log::line(tag, "materialize failed for id=" + tileID + ": " + written.error());
         disposition = "write_failed";
@@ -66,6 +70,18 @@ asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materializeO
     }
     Log::f(tag, "materialize id={} for uid {} → {}", tileID, engineUid, disposition);
     co_return Materialized{disposition, disposition == "usable" ? folder->file(name) : std::filesystem::path{}};
+}
+
+asio::awaitable<std::string> LiveTileStateBroker::store(std::string tileID, tl::expected<std::string, int> bytes) {
+    if (!bytes) {
+        if (bytes.error() == ENOENT) co_return std::string("file_missing");
+        Log::line(tag, "capture read failed for id=" + tileID + ": " + std::strerror(bytes.error()));
+        co_return std::string("read_failed");
+    }
+    if (bytes->empty()) co_return std::string("file_empty");
+    auto stored = co_await store_.setFsEventsState(tileID, *bytes, engineStateVersion_);
+    if (!stored) co_return std::string("persist_failed");
+    co_return std::string(*stored == CopyTileStore::DaemonWrite::skippedNoTile ? "skipped_no_tile" : "persisted");
 }
 
 asio::awaitable<std::string> LiveTileStateBroker::captureOwned(std::string tileID, std::uint32_t engineUid) {
@@ -77,21 +93,7 @@ asio::awaitable<std::string> LiveTileStateBroker::captureOwned(std::string tileI
         co_return std::string("read_failed");
     }
     auto bytes = folder->read(name);
-    if (!bytes) {
-        if (bytes.error() == ENOENT) {
-            disposition = "file_missing";
-        } else {
-            Log::line(tag, "capture read failed for id=" + tileID + ": " + std::strerror(bytes.error()));
-            disposition = "read_failed";
-        }
-    } else if (bytes->empty()) {
-        disposition = "file_empty";
-    } else {
-        auto stored = co_await store_.setFsEventsState(tileID, *bytes, engineStateVersion_);
-        disposition = !stored                                                  ? "persist_failed"
-                      : *stored == CopyTileStore::DaemonWrite::skippedNoTile ? "skipped_no_tile"
-                                                                               : "persisted";
-    }
+    disposition = co_await store(tileID, std::move(bytes));
     folder->remove(name);
     Log::f(tag, "capture id={} for uid {} → {}", tileID, engineUid, disposition);
     co_return disposition;
@@ -106,12 +108,8 @@ asio::awaitable<TileStateBroker::Materialized> LiveTileStateBroker::materialize(
     std::filesystem::remove(file, ignored);
     auto tile = co_await store_.get(tileID);
     std::string disposition;
-    if (!tile) {
-        disposition = "tile_missing";
-    } else if (tile->fs_events_state().empty()) {
-        disposition = "blob_empty";
-    } else if (tile->fs_events_state_version() != engineStateVersion_) {
-        disposition = "version_mismatch";
+    if (auto unusable = notUsable(tile)) {
+        disposition = *unusable;
     } else {
         std::error_code error;
         std::filesystem::create_directories(directory_, error);
@@ -138,22 +136,7 @@ asio::awaitable<std::string> LiveTileStateBroker::capture(std::string tileID, st
     if (engineUid != 0) co_return co_await captureOwned(std::move(tileID), engineUid);
     const auto file = stateFile(tileID, 0);
     auto bytes = AtomicFile::read(file);
-    std::string disposition;
-    if (!bytes) {
-        if (bytes.error() == ENOENT) {
-            disposition = "file_missing";
-        } else {
-            Log::line(tag, "capture read failed for id=" + tileID + ": " + std::strerror(bytes.error()));
-            disposition = "read_failed";
-        }
-    } else if (bytes->empty()) {
-        disposition = "file_empty";
-    } else {
-        auto stored = co_await store_.setFsEventsState(tileID, *bytes, engineStateVersion_);
-        disposition = !stored                                                  ? "persist_failed"
-                      : *stored == CopyTileStore::DaemonWrite::skippedNoTile ? "skipped_no_tile"
-                                                                               : "persisted";
-    }
+    const std::string disposition = co_await store(tileID, std::move(bytes));
     std::error_code ignored;
     std::filesystem::remove(file, ignored);
     Log::f(tag, "capture id={} → {}", tileID, disposition);

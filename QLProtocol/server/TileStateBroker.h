@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QLProtocol/proto/tiles.pb.h"
 #include "QLProtocol/server/access/OwnedStateFolder.h"
 
 #include <asio.hpp>
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace ql {
@@ -60,9 +62,15 @@ public:
     std::filesystem::path stateFile(const std::string& tileID, std::uint32_t engineUid) const override;
 
 private:
+    using Tile = ql4::transport::v1::CopyTile;
+    // Why the job's stored state can't be handed to the engine ("tile_missing", "blob_empty",
+    // "version_mismatch"), or nothing when it can.
+    std::optional<std::string> notUsable(const std::optional<Tile>& tile) const;
     tl::expected<OwnedStateFolder, std::string> ownedFolder(std::uint32_t engineUid) const;
     asio::awaitable<Materialized> materializeOwned(std::string tileID, std::uint32_t engineUid);
     asio::awaitable<std::string> captureOwned(std::string tileID, std::uint32_t engineUid);
+    // Stores what a run left (or says why nothing was): the capture disposition.
+    asio::awaitable<std::string> store(std::string tileID, tl::expected<std::string, int> bytes);
 
     CopyTileStore& store_;
     std::filesystem::path directory_;

@@ -30,6 +30,8 @@ struct CallContext {
     static tl::expected<CallContext, int> ofSocketPeer(int descriptor);
 
     std::string describe() const;
+    // When process `pid` started, in the units described above; 0 when it can't be told.
+    static std::uint64_t startTimeOf(std::int32_t pid);
 
     friend bool operator==(const CallContext&, const CallContext&) = default;
 };

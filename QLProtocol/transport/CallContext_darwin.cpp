@@ -10,23 +10,10 @@
 
 namespace ql {
 
-namespace {
-
-std::uint64_t startTimeOf(pid_t pid) {
+std::uint64_t CallContext::startTimeOf(std::int32_t pid) {
     proc_bsdinfo info{};
     if (::proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, &info, sizeof(info)) != static_cast<int>(sizeof(info))) return 0;
     return static_cast<std::uint64_t>(info.pbi_start_tvsec) * 1000000u + info.pbi_start_tvusec;
-}
-
-}  // namespace
-
-CallContext CallContext::ofThisProcess() {
-    CallContext context;
-    context.uid = ::getuid();
-    context.gid = ::getgid();
-    context.pid = ::getpid();
-    context.processStartTime = startTimeOf(::getpid());
-    return context;
 }
 
 tl::expected<CallContext, int> CallContext::ofSocketPeer(int descriptor) {

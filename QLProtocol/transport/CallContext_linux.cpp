@@ -10,12 +10,10 @@
 
 namespace ql {
 
-namespace {
-
 // Field 22 of /proc/<pid>/stat: the start time in clock ticks since boot. The second field is
 // the command name in parentheses and may itself hold spaces and parentheses, so fields are
 // counted from the last ')'.
-std::uint64_t startTimeOf(pid_t pid) {
+std::uint64_t CallContext::startTimeOf(std::int32_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
     if (!std::getline(in, line)) return 0;
@@ -32,17 +30,6 @@ std::uint64_t startTimeOf(pid_t pid) {
     } catch (...) {
         return 0;
     }
-}
-
-}  // namespace
-
-CallContext CallContext::ofThisProcess() {
-    CallContext context;
-    context.uid = ::getuid();
-    context.gid = ::getgid();
-    context.pid = ::getpid();
-    context.processStartTime = startTimeOf(::getpid());
-    return context;
 }
 
 tl::expected<CallContext, int> CallContext::ofSocketPeer(int descriptor) {

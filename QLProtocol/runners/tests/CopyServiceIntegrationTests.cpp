@@ -114,8 +114,10 @@ protected:
         deps.factory = dispatch;
         deps.clock = std::make_shared<LiveClock>();
         manager = JobManager::create(io_.get_executor(), std::move(deps), {});
-        provider = std::make_shared<LiveCopyServiceProvider>(
-            LiveCopyServiceProvider::Collaborators{.jobManager = manager, .authorizer = std::move(authorizer), .unlockResults = nullptr});
+        LiveCopyServiceProvider::Collaborators collaborators;
+        collaborators.jobManager = manager;
+        collaborators.authorizer = std::move(authorizer);
+        provider = std::make_shared<LiveCopyServiceProvider>(collaborators);
         ServiceCatalogue catalogue;
         catalogue.copy = provider;
         UDSServer::Options options;
