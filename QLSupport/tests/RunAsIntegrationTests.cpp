@@ -1,4 +1,5 @@
 #include "QLSupport/Log.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "QLSupport/OwnerAccess.h"
 #include "QLSupport/PosixSpawnedProcess.h"
 #include "QLSupport/UserCredentials.h"
@@ -109,6 +110,8 @@ TEST(UserCredentialsTest, LooksUpUsersAndNamesTheMissingOne) {
 }
 
 TEST(RunAsTest, ChildRunsWithTheUsersIdsAndGroupsAndNothingOfOurs) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     REQUIRE_ROOT();
     const UserCredentials looked = unprivilegedUser();
     ASSERT_NE(looked.uid, 0u) << "no unprivileged user to run as";
@@ -182,6 +185,8 @@ TEST(RunAsTest, ChildRunsWithTheUsersIdsAndGroupsAndNothingOfOurs) {
 }
 
 TEST(RunAsTest, FailuresBeforeExecAreSentencesNamingTheStep) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     REQUIRE_ROOT();
     const UserCredentials user = unprivilegedUser();
     ASSERT_NE(user.uid, 0u) << "no unprivileged user to run as";
@@ -225,6 +230,8 @@ TEST(RunAsTest, FailuresBeforeExecAreSentencesNamingTheStep) {
 }
 
 TEST(OwnerAccessTest, ChecksAnswerForTheUserNotForRoot) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     REQUIRE_ROOT();
     const UserCredentials user = unprivilegedUser();
     ASSERT_NE(user.uid, 0u) << "no unprivileged user to check as";
@@ -268,6 +275,8 @@ TEST(OwnerAccessTest, ChecksAnswerForTheUserNotForRoot) {
 }
 
 TEST(OwnerAccessTest, MakesFoldersOwnedByTheUserWhereTheUserMay) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     REQUIRE_ROOT();
     const UserCredentials user = unprivilegedUser();
     ASSERT_NE(user.uid, 0u) << "no unprivileged user to act as";

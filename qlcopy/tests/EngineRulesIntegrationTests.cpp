@@ -2,6 +2,7 @@
 // retain-on-error items, rule validation, and the scan-mode reason when the rules change.
 
 #include "support/EngineHarness.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "support/TreeFixture.h"
 
 #include <gtest/gtest.h>
@@ -103,6 +104,8 @@ EngineLaunch asNobody(std::vector<std::string> args, const std::string& tree) {
 }
 
 TEST(EngineRules, OptionalAndRetainOnErrorItemsAreIgnoredErrors) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     TempDir tmp;
     const std::string src = tmp / "src", dst = tmp / "dst";
     Tree::write(src + "/swap/vm.img", "unreadable\n");

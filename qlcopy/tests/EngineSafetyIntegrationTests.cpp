@@ -3,6 +3,7 @@
 // and an unreadable source folder deletes nothing.
 
 #include "support/EngineHarness.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "support/TreeFixture.h"
 
 #include <gtest/gtest.h>
@@ -144,6 +145,8 @@ EngineLaunch unprivileged(std::vector<std::string> args, const std::string& tree
 }
 
 TEST(EngineSafety, AnUnreadableSourceFileIsCountedAndEverythingElseCopied) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     TempDir tmp;
     Tree::write(tmp / "src/a.txt", "a\n");
     Tree::write(tmp / "src/secret.txt", "secret\n");
@@ -172,6 +175,8 @@ TEST(EngineSafety, AnUnreadableSourceFileIsCountedAndEverythingElseCopied) {
 }
 
 TEST(EngineSafety, AnUnreadableSourceFolderDeletesNothingOfItsCopy) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     TempDir tmp;
     Tree::write(tmp / "src/ok.txt", "ok\n");
     Tree::write(tmp / "src/locked/inner.txt", "inner\n");
@@ -194,6 +199,8 @@ TEST(EngineSafety, AnUnreadableSourceFolderDeletesNothingOfItsCopy) {
 }
 
 TEST(EngineSafety, AbortOnErrorCountEndsWithAFailure) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     TempDir tmp;
     for (int i = 0; i < 4; ++i) Tree::write(tmp / ("src/f" + std::to_string(i)), "x\n");
     auto launch = unprivileged({"--abort-on-error-count", "2", "--workers", "1", tmp / "src", tmp / "dst"}, tmp.path());

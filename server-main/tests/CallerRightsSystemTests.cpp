@@ -5,6 +5,7 @@
 
 #include "QLProtocol/server/approval/tests/PrivatePolkit.h"
 #include "QLSupport/PosixSpawnedProcess.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "QLSupport/ShellRunner.h"
 #include "QLSupport/UserCredentials.h"
 
@@ -144,6 +145,8 @@ class CallerRights : public ::testing::Test {
 protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "needs root: the server must be a root server serving other users";
+        if (auto why = whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+        if (auto why = whyNoVolumeHoldsRoot()) GTEST_SKIP() << *why;
         auto a = ensureTestUser("quillo-test-a");
         auto b = ensureTestUser("quillo-test-b");
         if (!a || !b) GTEST_SKIP() << "test users could not be made: " << (!a ? a.error() : b.error());

@@ -2,6 +2,7 @@
 // starts, answers Ping, and ends cleanly on Shutdown and on SIGTERM.
 
 #include "QLProtocol/runners/tests/QlcopyJobRunnerTestWorld.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "QLProtocol/transport/SystemService.h"
 #include "QLProtocol/transport/UDSChannel.h"
 #include "QLSupport/PosixSpawnedProcess.h"
@@ -173,6 +174,8 @@ TEST(QlcopyServerProcess, aBadCommandLineIsRefused) {
 }
 
 TEST(QlcopyServerProcess, aUserModeServerAnswersPingAndShutsDownOnRequest) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     TemporaryFolder home;
     UserModeServer server(home.path());
     ASSERT_TRUE(server.waitForSocket()) << server.errorOutput();
@@ -208,6 +211,8 @@ TEST(QlcopyServerProcess, aUserModeServerAnswersPingAndShutsDownOnRequest) {
 }
 
 TEST(QlcopyServerProcess, aUserModeServerEndsCleanlyOnSIGTERM) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     TemporaryFolder home;
     UserModeServer server(home.path());
     ASSERT_TRUE(server.waitForSocket()) << server.errorOutput();

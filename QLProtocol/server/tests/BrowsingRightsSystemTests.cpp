@@ -2,6 +2,7 @@
 // a user can't list or look at, the server won't show them either.
 
 #include "QLProtocol/server/LiveSourceServiceProvider.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "QLProtocol/server/tests/ServerTestSupport.h"
 #include "QLProtocol/server/tests/SourceServiceTestSupport.h"
 #include "QLSupport/BlockingPool.h"
@@ -20,6 +21,8 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(BrowsingRights, ACallerSeesOnlyWhatTheyCouldSeeThemselves) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     if (::geteuid() != 0) GTEST_SKIP() << "needs root: the server must have more rights than its caller";
     testing::TempDir dir;
     fs::permissions(dir.path(), fs::perms(0755));

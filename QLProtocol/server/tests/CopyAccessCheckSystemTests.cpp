@@ -2,6 +2,7 @@
 // decides over a real tree that root set up; the sentences are the ones a person reads.
 
 #include "QLProtocol/server/access/CopyAccessCheck.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "QLProtocol/server/tests/ServerTestSupport.h"
 #include "QLSupport/OwnerAccess.h"
 #include "QLSupport/UserCredentials.h"
@@ -20,6 +21,8 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(CopyAccessCheck, RefusesWhatTheOwnerCantReadOrWriteInTheirOwnWords) {
+    if (auto why = ql::testing::whyOtherUsersCantRun()) GTEST_SKIP() << *why;
+
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to check as another user";
     auto nobody = UserCredentials::forUser(65534);
     if (!nobody) GTEST_SKIP() << "no user 65534 (nobody) here: " << nobody.error();

@@ -1,4 +1,5 @@
 #include "QLModel/LinuxBlockDeviceProbe.h"
+#include "QLSupport/tests/MachineLimits.h"
 #include "QLModel/LiveHardwareSerialProbe.h"
 #include "QLModel/VolumeResolver.h"
 #include "QLProtocol/server/LiveSourceServiceProvider.h"
@@ -98,6 +99,8 @@ const wire::VolumeSummary* find(const wire::ListVolumesResponse& list, const std
 }
 
 TEST(SourceServiceSystem, ListsTheRootFilesystemAndALoopMountedFilesystemAndWatchesItComeAndGo) {
+    if (auto why = ql::testing::whyNoVolumeHoldsRoot()) GTEST_SKIP() << *why;
+
     if (::geteuid() != 0) GTEST_SKIP() << "loop-mounting a test filesystem needs root";
     LoopFilesystem volume;
     if (!volume.formatted()) GTEST_SKIP() << "mkfs.ext4 could not format a test image here";
