@@ -23,7 +23,7 @@ public:
     // The error is a sentence; nothing changed then.
     static tl::expected<ThreadFileCredentials, std::string> adopt(const UserCredentials& user);
 
-    ThreadFileCredentials(ThreadFileCredentials&& other) noexcept;
+    ThreadFileCredentials(ThreadFileCredentials&& other) noexcept : active_(other.active_) { other.active_ = false; }
     ThreadFileCredentials& operator=(ThreadFileCredentials&&) = delete;
     ThreadFileCredentials(const ThreadFileCredentials&) = delete;
     ThreadFileCredentials& operator=(const ThreadFileCredentials&) = delete;

@@ -24,10 +24,6 @@ tl::expected<ThreadFileCredentials, std::string> ThreadFileCredentials::adopt(co
     return adopted;
 }
 
-ThreadFileCredentials::ThreadFileCredentials(ThreadFileCredentials&& other) noexcept : active_(other.active_) {
-    other.active_ = false;
-}
-
 ThreadFileCredentials::~ThreadFileCredentials() {
     if (active_ && ::pthread_setugid_np(KAUTH_UID_NONE, KAUTH_GID_NONE) != 0) std::abort();
 }

@@ -65,10 +65,6 @@ tl::expected<ThreadFileCredentials, std::string> ThreadFileCredentials::adopt(co
     return adopted;
 }
 
-ThreadFileCredentials::ThreadFileCredentials(ThreadFileCredentials&& other) noexcept : active_(other.active_) {
-    other.active_ = false;
-}
-
 ThreadFileCredentials::~ThreadFileCredentials() {
     if (active_) restore();
 }

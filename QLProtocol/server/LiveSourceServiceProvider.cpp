@@ -410,9 +410,7 @@ tl::expected<wire::EnumerateDirectoryResponse, std::string> LiveSourceServicePro
 }
 
 std::optional<UserCredentials> LiveSourceServiceProvider::browsingRights(const CallContext& caller) const {
-    const bool administers = caller.isRoot() || caller.uid == c_.serverUid ||
-                             (c_.serverUid == static_cast<std::uint32_t>(-1) && caller.uid == ::geteuid());
-    if (administers) return std::nullopt;
+    if (c_.access.administers(caller)) return std::nullopt;
     UserCredentials user = UserCredentials::forIds(caller.uid, caller.gid, {caller.gid});
     if (auto known = UserCredentials::forUser(caller.uid)) user = std::move(*known);
     return user;

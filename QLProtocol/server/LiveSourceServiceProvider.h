@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QLProtocol/server/access/JobAccess.h"
 #include "QLSupport/ThreadFileCredentials.h"
 #include "QLSupport/UserCredentials.h"
 #include "QLModel/Resolution.h"
@@ -48,7 +49,7 @@ public:
         // Where listings and folder reads run; without one, on the calling thread.
         std::shared_ptr<BlockingPool> pool;
         // Decides whose rights folder reads use.
-        std::uint32_t serverUid = static_cast<std::uint32_t>(-1);
+        JobAccess access = JobAccess::forThisProcess();
     };
 
     LiveSourceServiceProvider(const Executor& executor, Collaborators collaborators);

@@ -27,6 +27,24 @@ std::string CopyAccessCheck::unknownOwner(std::uint32_t ownerUid, const std::str
                        ownerUid, detail);
 }
 
+// The path whose check allowed the access, or (as the error) the path it was refused on; empty
+// when the check itself couldn't be made.
+tl::expected<std::string, std::string> CopyAccessCheck::judge(const UserCredentials& user, std::string_view verb,
+                                                              const std::string& path,
+                                                              tl::expected<AccessFinding, std::string> finding) {
+    if (!finding) {
+        Log::f(kTag, "pre-check for {}: {} {} could not be checked ({}) — refused", user.name, verb, path,
+               finding.error());
+        return tl::unexpected(std::string());
+    }
+    if (!finding->allowed) {
+        Log::f(kTag, "pre-check for {}: can't {} {} (errno={}) — refused", user.name, verb, finding->checkedPath,
+               finding->error);
+        return tl::unexpected(finding->checkedPath);
+    }
+    return finding->checkedPath;
+}
+
 tl::expected<void, std::string> CopyAccessCheck::check(std::uint32_t ownerUid, const std::string& source,
                                                        const std::string& destination) const {
     auto user = UserCredentials::forUser(ownerUid);
@@ -34,29 +52,12 @@ tl::expected<void, std::string> CopyAccessCheck::check(std::uint32_t ownerUid, c
         Log::f(kTag, "pre-check for uid {}: the user can't be looked up ({})", ownerUid, user.error());
         return tl::unexpected(unknownOwner(ownerUid, user.error()));
     }
-    auto read = probe_.canRead(*user, source);
-    if (!read) {
-        Log::f(kTag, "pre-check for {}: reading {} could not be checked ({}) — refused", user->name, source,
-               read.error());
-        return tl::unexpected(cannotRead(source));
-    }
-    if (!read->allowed) {
-        Log::f(kTag, "pre-check for {}: can't read {} (errno={}) — refused", user->name, read->checkedPath,
-               read->error);
-        return tl::unexpected(cannotRead(source));
-    }
-    auto write = probe_.canWrite(*user, destination);
-    if (!write) {
-        Log::f(kTag, "pre-check for {}: writing {} could not be checked ({}) — refused", user->name, destination,
-               write.error());
-        return tl::unexpected(cannotWrite(destination));
-    }
-    if (!write->allowed) {
-        Log::f(kTag, "pre-check for {}: can't write {} (errno={}) — refused", user->name, write->checkedPath,
-               write->error);
-        return tl::unexpected(cannotWrite(write->checkedPath.empty() ? destination : write->checkedPath));
-    }
-    Log::f(kTag, "pre-check for {}: may read {} and write {}", user->name, source, write->checkedPath);
+    auto read = judge(*user, "read", source, probe_.canRead(*user, source));
+    if (!read) return tl::unexpected(cannotRead(source));
+    auto written = judge(*user, "write", destination, probe_.canWrite(*user, destination));
+    if (!written) return tl::unexpected(cannotWrite(written.error().empty() ? destination : written.error()));
+    const auto& writable = *written;
+    Log::f(kTag, "pre-check for {}: may read {} and write {}", user->name, source, writable);
     return {};
 }
 

@@ -1,12 +1,14 @@
 #pragma once
 
 #include "QLSupport/OwnerAccess.h"
+#include "QLSupport/UserCredentials.h"
 
 #include <tl/expected.hpp>
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace ql {
 
@@ -34,6 +36,10 @@ public:
     static std::string unknownOwner(std::uint32_t ownerUid, const std::string& detail);
 
 private:
+    static tl::expected<std::string, std::string> judge(const UserCredentials& user, std::string_view verb,
+                                                        const std::string& path,
+                                                        tl::expected<AccessFinding, std::string> finding);
+
     const OwnerAccessProbe& probe_;
 };
 
