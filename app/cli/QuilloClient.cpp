@@ -99,7 +99,10 @@ void QuilloClient::fail(const std::string& sentence) { err() << "quillo: " << se
 
 std::string QuilloClient::refusal(const std::string& what, const TransportError& error) {
     // A refusal the server explains in a sentence of its own is shown as it stands.
-    if (error.kind == TransportError::Kind::handlerThrew && !error.detail.empty()) return error.detail;
+    const bool providersOwn = error.kind == TransportError::Kind::handlerThrew ||
+                              (error.kind == TransportError::Kind::statusError &&
+                               error.status == ql4::transport::v1::WireResponse::HANDLER_ERROR);
+    if (providersOwn && !error.detail.empty()) return error.detail;
     return what + ": " + error.message();
 }
 
